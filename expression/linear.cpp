@@ -1,0 +1,646 @@
+// Expression bases, linear nodes, their change records and number text.
+#include "linear.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "arrays.h"
+#include "operators.h"
+#include "variables.h"
+
+// ------------------------------------------------------------------ bases
+
+// Defined here, where nodes are complete: the host only forwards.
+void TavEnvI::release(TavNumExprI* node) {
+  if (node) node->release();
+}
+
+void TavNumExprI::end() {
+  if (--_refCount > 0) return;
+  TavEnvI* env = getEnv();
+  if (TavDeletionInterceptor* i = env->getDeletionInterceptor()) i->takeNode(this);
+  else if (env->isRemoveFromAllOnDestroy()) env->removeFromAllAndDestroy(this, 0);
+  else env->destroy(this, 0);
+}
+
+void TavNumExprI::release() {
+  if (!getEnv()->isEnding()) end();
+}
+
+TavNumLinTermI* TavNumExprI::toNumLinTermI() {
+  TavNumLinTermI* lin = new (getEnv()) TavNumLinTermI(getEnv(), 0.0);
+  try {
+    lin->append(this);
+  } catch (...) {
+    delete lin;
+    throw;
+  }
+  return lin;
+}
+
+TavNumExprI* TavIntExprI::copy() { return intCopy(); }
+
+TavIntLinTermI* TavIntExprI::toIntLinTermI() {
+  TavIntLinTermI* lin = new (getEnv()) TavIntLinTermI(getEnv(), 0);
+  try {
+    lin->append(this);
+  } catch (...) {
+    delete lin;
+    throw;
+  }
+  return lin;
+}
+
+// ------------------------------------------------------------------ shared linear body
+
+namespace {
+// Writes a variable inside a sum: its name and a blank, else its display.
+void displayVar(std::ostream& os, const TavNumVarI* v) {
+  if (v->getName()) os << v->getName() << " ";
+  else v->display(os);
+}
+
+TavNumVarI* asVar(TavExtractableI* e) {
+  return e && e->isType(TavNumVarI::GetTypeInfo()) ? static_cast<TavNumVarI*>(e) : nullptr;
+}
+}  // namespace
+
+template <class Self, class Base, class Constant>
+TavLinNode<Self, Base, Constant>::TavLinNode(TavNumLinExprTermI* cell)
+    : TavNode<Self, Base>(cell->_var->getEnv(), nullptr), _first(cell), _last(cell), _constant(0) {
+  cell->_next = nullptr;
+}
+
+template <class Self, class Base, class Constant>
+void TavLinNode<Self, Base, Constant>::prepend(TavNumLinExprTermI* cell) {
+  if (_last == nullptr) {
+    cell->_next = nullptr;
+    _first = _last = cell;
+  } else {
+    cell->_next = _first;
+    _first = cell;
+  }
+  self()->termsChanged();
+}
+
+template <class Self, class Base, class Constant>
+void TavLinNode<Self, Base, Constant>::appendPart(TavNumExprI* e) {
+  TavNumLinPartI* part = static_cast<TavNumLinPartI*>(this->getEnv()->alloc(sizeof(TavNumLinPartI)));
+  part->_expr = e;
+  part->_next = nullptr;
+  e->lockRef();
+  if (_lastPart) _lastPart->_next = part;
+  else _firstPart = part;
+  _lastPart = part;
+}
+
+template <class Self, class Base, class Constant>
+void TavLinNode<Self, Base, Constant>::appendNode(Self* other) {
+  if (other->_first) {
+    if (_last) _last->_next = other->_first;
+    else _first = other->_first;
+    _last = other->_last;
+    self()->termsChanged();
+  }
+  if (other->_firstPart) {
+    if (_lastPart) _lastPart->_next = other->_firstPart;
+    else _firstPart = other->_firstPart;
+    _lastPart = other->_lastPart;
+  }
+  _constant += other->_constant;
+  other->_first = other->_last = nullptr;
+  other->_firstPart = other->_lastPart = nullptr;
+  other->_constant = 0;
+  other->end();
+}
+
+template <class Self, class Base, class Constant>
+void TavLinNode<Self, Base, Constant>::clear() {
+  TavEnvI* env = this->getEnv();
+  TavNumLinPartI* part = _firstPart;
+  _firstPart = _lastPart = nullptr;
+  while (part) {
+    TavNumLinPartI* next = part->_next;
+    env->release(part->_expr);
+    env->free(part);
+    part = next;
+  }
+  TavNumLinExprTermI* t = _first;
+  _first = _last = nullptr;
+  while (t) {
+    TavNumLinExprTermI* next = t->_next;
+    env->recycleTerm(t);
+    t = next;
+  }
+  _constant = 0;
+  self()->termsChanged();
+}
+
+template <class Self, class Base, class Constant>
+void TavLinNode<Self, Base, Constant>::remove(TavNumVarI* v) {
+  TavNumLinExprTermI* prev = nullptr;
+  for (TavNumLinExprTermI* t = _first; t; prev = t, t = t->_next) {
+    if (t->_var != v) continue;
+    if (prev) prev->_next = t->_next;
+    else _first = t->_next;
+    if (_last == t) _last = prev;
+    this->getEnv()->recycleTerm(t);
+    return;
+  }
+}
+
+template <class Self, class Base, class Constant>
+void TavLinNode<Self, Base, Constant>::dropPart(TavNumLinPartI* prev, TavNumLinPartI* part) {
+  if (prev) prev->_next = part->_next;
+  else _firstPart = part->_next;
+  TavEnvI* env = this->getEnv();
+  TavNumExprI* e = part->_expr;
+  env->free(part);
+  env->release(e);
+}
+
+template <class Self, class Base, class Constant>
+void TavLinNode<Self, Base, Constant>::remove(TavExtractableArray objects) {
+  if (_first == nullptr && _firstPart == nullptr) return;
+  TavEnvI* env = this->getEnv();
+  const TavInt n = objects.getSize();
+  // Mark the objects removed in the identifier table for the sweep.
+  std::vector<TavExtractableI*> marked;
+  marked.reserve((std::size_t)n);
+  for (TavInt i = 0; i < n; ++i) {
+    TavExtractableI* o = objects.getObject(i);
+    if (o == nullptr || env->isRemoved(o)) continue;
+    marked.push_back(o);
+    env->setIdTableEntry(o->getId(), -1);
+  }
+  TavInt left = n;
+  TavNumLinPartI* pprev = nullptr;
+  for (TavNumLinPartI* p = _firstPart; p && left > 0;) {
+    TavNumLinPartI* next = p->_next;
+    if (env->isRemoved(p->_expr)) {
+      // The tail pointer is cleared when the tail goes, even if cells remain.
+      if (p == _lastPart) _lastPart = nullptr;
+      dropPart(pprev, p);
+      --left;
+    } else {
+      pprev = p;
+    }
+    p = next;
+  }
+  TavNumLinExprTermI* tprev = nullptr;
+  for (TavNumLinExprTermI* t = _first; t && left > 0;) {
+    TavNumLinExprTermI* next = t->_next;
+    if (env->isRemoved(t->_var)) {
+      if (tprev) tprev->_next = next;
+      else _first = next;
+      if (t == _last) _last = nullptr;
+      env->recycleTerm(t);
+      --left;
+    } else {
+      tprev = t;
+    }
+    t = next;
+  }
+  for (TavExtractableI* o : marked) env->setIdTableEntry(o->getId(), o->getId());
+}
+
+template <class Self, class Base, class Constant>
+void TavLinNode<Self, Base, Constant>::removeMarked() {
+  TavEnvI* env = this->getEnv();
+  TavNumLinPartI* pprev = nullptr;
+  for (TavNumLinPartI* p = _firstPart; p;) {
+    TavNumLinPartI* next = p->_next;
+    if (env->isRemoved(p->_expr)) {
+      if (p == _lastPart) _lastPart = pprev;
+      dropPart(pprev, p);
+    } else {
+      pprev = p;
+    }
+    p = next;
+  }
+  TavNumLinExprTermI* tprev = nullptr;
+  for (TavNumLinExprTermI* t = _first; t;) {
+    TavNumLinExprTermI* next = t->_next;
+    if (env->isRemoved(t->_var)) {
+      if (tprev) tprev->_next = next;
+      else _first = next;
+      if (t == _last) _last = tprev;
+      env->recycleTerm(t);
+    } else {
+      tprev = t;
+    }
+    t = next;
+  }
+}
+
+template <class Self, class Base, class Constant>
+double TavLinNode<Self, Base, Constant>::eval(TavAlgorithm alg) const {
+  double sum = 0.0;
+  for (TavNumLinPartI* p = _firstPart; p; p = p->_next) sum += p->_expr->eval(alg);
+  // Every variable class evaluates as TavNumVarI does: call it directly.
+  for (TavNumLinExprTermI* t = _first; t; t = t->_next) sum += t->_coef * t->_var->TavNumVarI::eval(alg);
+  return (double)_constant + sum;
+}
+
+template <class Self, class Base, class Constant>
+bool TavLinNode<Self, Base, Constant>::displayTerm(std::ostream& os, TavNumLinExprTermI* t) const {
+  if (t->_coef == 0.0) return false;
+  if (t->_coef != 1.0) os << t->_coef << " * ";
+  displayVar(os, t->_var);
+  return true;
+}
+
+template <class Self, class Base, class Constant>
+void TavLinNode<Self, Base, Constant>::display(std::ostream& os) const {
+  if (this->getEnv()->isLibrarySyntaxDisplay()) {
+    os << "( ";
+    bool any = false;
+    for (TavNumLinExprTermI* t = _first; t; t = t->_next) {
+      if (any) os << " + ";
+      any = true;
+      if (t->_coef == 0.0) {
+        os << "0 ";
+        continue;
+      }
+      if (t->_coef != 1.0) os << t->_coef << " * ";
+      displayVar(os, t->_var);
+    }
+    bool hadTerms = any;
+    for (TavNumLinPartI* p = _firstPart; p; p = p->_next) {
+      if (p != _firstPart || hadTerms) os << " + ";
+      p->_expr->display(os);
+      any = true;
+    }
+    if (_constant != 0) {
+      if (any) os << " + ";
+      os << _constant << " ";
+    }
+    os << ") ";
+    return;
+  }
+  // Plain form: a " + " goes before a term only when the previous one wrote
+  // something, so zero terms leave no trace but the separator before them.
+  bool wrote = false;
+  for (TavNumLinExprTermI* t = _first; t; t = t->_next) {
+    if (wrote) os << " + ";
+    wrote = self()->displayTerm(os, t);
+  }
+  if (_firstPart) {
+    if (wrote) os << " + ";
+    for (TavNumLinPartI* p = _firstPart; p; p = p->_next) {
+      if (p != _firstPart) os << " + ";
+      p->_expr->display(os);
+    }
+    wrote = true;
+  }
+  if (_constant == 0) {
+    if (!wrote) os << _constant << " ";
+  } else {
+    if (wrote) os << " + ";
+    os << _constant << " ";
+  }
+}
+
+template <class Self, class Base, class Constant>
+void TavLinNode<Self, Base, Constant>::visitSubExtractables(TavExtractableVisitor* visitor) {
+  visitor->beginVisit(this);
+  for (TavNumLinPartI* p = _firstPart; p; p = p->_next) visitor->visitChild(this, p->_expr);
+  for (TavNumLinExprTermI* t = _first; t; t = t->_next)
+    if (t->_coef != 0.0) visitor->visitChild(this, t->_var);
+  visitor->endVisit(this);
+}
+
+template <class Self, class Base, class Constant>
+void TavLinNode<Self, Base, Constant>::atRemove(TavExtractableI* removed, void*) {
+  TavNumVarI* var = asVar(removed);
+  if (var && this->getEnv()->isOneByOneRemoval()) {
+    remove(var);
+    TavNotify<typename Self::RemoveRecord>(this, self(), var);
+  } else {
+    removeMarked();
+  }
+}
+
+template <class Self, class Base, class Constant>
+template <class Target>
+Target* TavLinNode<Self, Base, Constant>::copyInto(Target* target) const {
+  TavEnvI* env = target->getEnv();
+  try {
+    for (TavNumLinPartI* p = _firstPart; p; p = p->_next) target->appendPart(p->_expr);
+    for (TavNumLinExprTermI* t = _first; t; t = t->_next) target->append(env->newTerm(t->_var, t->_coef));
+  } catch (...) {
+    delete target;
+    throw;
+  }
+  return target;
+}
+
+template <class Self, class Base, class Constant>
+TavExtractableI* TavLinNode<Self, Base, Constant>::makeClone(TavEnvI* env) const {
+  Self* clone = new (env) Self(env, _constant);
+  try {
+    for (TavNumLinPartI* p = _firstPart; p; p = p->_next)
+      clone->appendPart(static_cast<TavNumExprI*>(env->getClone(p->_expr)));
+    for (TavNumLinExprTermI* t = _first; t; t = t->_next)
+      clone->append(env->newTerm(static_cast<TavNumVarI*>(env->getClone(t->_var)), t->_coef));
+  } catch (...) {
+    delete clone;
+    throw;
+  }
+  return clone;
+}
+
+template class TavLinNode<TavNumLinTermI, TavNumExprI, double>;
+template class TavLinNode<TavIntLinTermI, TavIntExprI, TavInt>;
+
+// ------------------------------------------------------------------ change records
+
+#define TAV_LIN_RECORD(Record, Node)                                                                    \
+  Record::Record(Node* expr, TavNumVarI* var) : TavChangeNode(expr), _expr(expr), _var(var) {}          \
+  void Record::visitChange(TavEnvI*, TavExtractableI* extractable, TavChangeVisitor* visitor) const { \
+    visitor->visitChild(extractable, _var);                                                            \
+  }
+TAV_LIN_RECORD(TavNumLinTermAddVar, TavNumLinTermI)
+TAV_LIN_RECORD(TavNumLinTermRemoveVar, TavNumLinTermI)
+TAV_LIN_RECORD(TavIntLinTermRemoveVar, TavIntLinTermI)
+#undef TAV_LIN_RECORD
+
+// ------------------------------------------------------------------ numeric linear node
+
+TavNumLinTermI::TavNumLinTermI(TavNumLinExprTerm t) : TavLinNode(t.getImpl()) {}
+TavNumLinTermI::TavNumLinTermI(TavIntLinExprTerm t) : TavLinNode(t.getImpl()) {}
+
+TavNumExprI* TavNumLinTermI::copy() { return copyInto(new (getEnv()) TavNumLinTermI(getEnv(), _constant)); }
+
+bool TavNumLinTermI::isInteger() const {
+  for (TavNumLinPartI* p = _firstPart; p; p = p->_next)
+    if (!p->_expr->isInteger()) return false;
+  for (TavNumLinExprTermI* t = _first; t; t = t->_next)
+    if (!t->_var->isInteger() || !TavNumIsInteger(t->_coef)) return false;
+  return TavNumIsInteger(_constant);
+}
+
+namespace {
+// Replaces every part p of a linear node by the node built from p.
+template <class Build>
+void rebuildParts(TavNumLinPartI* first, TavEnvI* env, Build build) {
+  for (TavNumLinPartI* p = first; p; p = p->_next) {
+    TavNumExprI* old = p->_expr;
+    TavNumExprI* made = build(old);
+    made->lockRef();
+    p->_expr = made;
+    env->release(old);
+  }
+}
+}  // namespace
+
+void TavNumLinTermI::multiply(double d) {
+  rebuildParts(_firstPart, getEnv(), [d](TavNumExprI* p) { return (TavNumExprArg(p) * d).getImpl(); });
+  for (TavNumLinExprTermI* t = _first; t; t = t->_next) t->_coef *= d;
+  _constant *= d;
+}
+
+void TavNumLinTermI::divide(double d) {
+  rebuildParts(_firstPart, getEnv(), [d](TavNumExprI* p) { return (TavNumExprArg(p) / d).getImpl(); });
+  for (TavNumLinExprTermI* t = _first; t; t = t->_next) t->_coef /= d;
+  _constant /= d;
+}
+
+namespace {
+// Per-variable scratch slots for one operation: the environment's mark array
+// when it offers one, else each variable's own mark field under markLock.
+class MarkScope {
+ public:
+  explicit MarkScope(TavEnvI* env) : _env(env), _lock(nullptr), _marks(nullptr) {
+    if (env->areMarkArraysAvailable()) {
+      _marks = env->getMarkArray();
+    } else if ((_lock = env->getMarkLock()) != nullptr) {
+      _lock->lock();
+    }
+  }
+  ~MarkScope() {
+    if (_marks) _env->releaseMarkArray(_marks);
+    else if (_lock) _lock->unlock();
+  }
+  MarkScope(const MarkScope&) = delete;
+  MarkScope& operator=(const MarkScope&) = delete;
+  TavNumLinExprTermI*& slot(TavNumVarI* v) {
+    return _marks ? reinterpret_cast<TavNumLinExprTermI*&>(_marks[v->getId()]) : v->_mark;
+  }
+
+ private:
+  TavEnvI* _env;
+  TavMutex* _lock;
+  void** _marks;
+};
+}  // namespace
+
+TavInt TavNumLinTermI::normalize() {
+  TavEnvI* env = getEnv();
+  if (_normalized || env->isNormalizationSkipped()) return 0;
+  MarkScope marks(env);
+  // The representative of a variable is its last term.
+  for (TavNumLinExprTermI* t = _first; t; t = t->_next) marks.slot(t->_var) = t;
+  TavInt merged = 0;
+  TavNumLinExprTermI** link = &_first;
+  TavNumLinExprTermI* last = nullptr;
+  while (TavNumLinExprTermI* t = *link) {
+    TavNumLinExprTermI*& rep = marks.slot(t->_var);
+    if (rep != t) {
+      rep->_coef += t->_coef;
+      *link = t->_next;
+      env->recycleTerm(t);
+      ++merged;
+    } else if (t->_coef == 0.0) {
+      *link = t->_next;
+      env->recycleTerm(t);
+    } else {
+      last = t;
+      link = &t->_next;
+    }
+  }
+  _last = last;
+  _normalized = 1;
+  return merged;
+}
+
+double TavNumLinTermI::setCoef(TavNumVarI* v, double c) {
+  normalize();
+  TavNumLinExprTermI* prev = nullptr;
+  for (TavNumLinExprTermI* t = _first; t; prev = t, t = t->_next) {
+    if (t->_var != v) continue;
+    double old = t->_coef;
+    if (c == 0.0) {
+      if (prev) prev->_next = t->_next;
+      else _first = t->_next;
+      if (_last == t) _last = prev;
+      getEnv()->recycleTerm(t);
+    } else {
+      t->_coef = c;
+    }
+    if (old == 0.0) return 0.0;
+    TavNotify<TavNumLinTermRemoveVar>(this, this, v);
+    return old;
+  }
+  if (c != 0.0) {
+    append(getEnv()->newTerm(v, c));
+    _normalized = 1;
+    TavNotify<TavNumLinTermAddVar>(this, this, v);
+  }
+  _normalized = 1;
+  return 0.0;
+}
+
+void TavNumLinTermI::setCoef(TavNumVarArray vars, TavNumArray coefs, TavNumArray previous) {
+  normalize();
+  TavEnvI* env = getEnv();
+  const TavInt n = vars.getSize();
+  // Always the per-variable marks, under markLock.
+  TavMutex* lock = env->getMarkLock();
+  if (lock) lock->lock();
+  try {
+    for (TavInt i = 0; i < n; ++i) vars.getElement(i)->_mark = nullptr;
+    for (TavNumLinExprTermI* t = _first; t; t = t->_next) t->_var->_mark = t;
+    for (TavInt i = 0; i < n; ++i) {
+      TavNumVarI* v = vars.getElement(i);
+      double c = coefs[i];
+      TavNumLinExprTermI* t = v->_mark;
+      double old = 0.0;
+      if (t == nullptr) {
+        if (c != 0.0) {
+          append(env->newTerm(v, c));
+          TavNotify<TavNumLinTermAddVar>(this, this, v);
+        }
+      } else {
+        old = t->_coef;
+        t->_coef = c;
+        if (old != 0.0 && c == 0.0) TavNotify<TavNumLinTermRemoveVar>(this, this, v);
+        else if (old == 0.0 && c != 0.0) TavNotify<TavNumLinTermAddVar>(this, this, v);
+      }
+      if (previous.getImpl()) previous[i] = old;
+    }
+  } catch (...) {
+    _normalized = 1;
+    if (lock) lock->unlock();
+    throw;
+  }
+  _normalized = 1;
+  if (lock) lock->unlock();
+}
+
+bool TavNumLinTermI::isLinear() const {
+  // Parameters (index nodes, element and sub-map nodes indexed by constants)
+  // are not among the node kinds built so far: any part makes it non-linear.
+  return _firstPart == nullptr;
+}
+
+// ------------------------------------------------------------------ integer linear node
+
+TavIntLinTermI::TavIntLinTermI(TavIntLinExprTerm t) : TavLinNode(t.getImpl()) {}
+
+void TavIntLinTermI::append(TavIntExprI* e) { appendPart(e); }
+
+TavIntExprI* TavIntLinTermI::intCopy() { return copyInto(new (getEnv()) TavIntLinTermI(getEnv(), _constant)); }
+
+TavNumLinTermI* TavIntLinTermI::toNumLinTermI() {
+  return copyInto(new (getEnv()) TavNumLinTermI(getEnv(), (double)_constant));
+}
+
+void TavIntLinTermI::multiply(TavInt k) {
+  rebuildParts(_firstPart, getEnv(), [k](TavNumExprI* p) {
+    return (TavIntExprArg(static_cast<TavIntExprI*>(p)) * k).getImpl();
+  });
+  for (TavNumLinExprTermI* t = _first; t; t = t->_next) t->_coef *= (double)k;
+  _constant *= k;
+}
+
+// ------------------------------------------------------------------ numbers
+
+bool TavNumIsInteger(double x) { return std::isfinite(x) && std::floor(x) == x; }
+
+void TavTestIsLinear(TavNumExprI* e) {
+  if (e == nullptr) throw TavEmptyHandleException();
+  if (e->isType(TavNumLinTermI::GetTypeInfo())) {
+    if (!static_cast<TavNumLinTermI*>(e)->hasParts()) return;
+  } else if (e->isType(TavIntLinTermI::GetTypeInfo())) {
+    if (!static_cast<TavIntLinTermI*>(e)->hasParts()) return;
+  }
+  throw TavNumExprNonLinearExpression(e);
+}
+
+TavNumExprNonLinearExpression::TavNumExprNonLinearExpression(TavNumExprI* node)
+    : TavException("Constant part cannot be set or queried", 0), _node(node) {}
+
+void TavNumExprNonLinearExpression::print(std::ostream& os) const {
+  os << "Expression ";
+  if (_node) _node->display(os);
+  os << " is non linear, setting or querying the constant part is forbidden";
+}
+
+namespace {
+// Length of s without its trailing zeros (and the point when nothing follows it).
+std::size_t stripZeros(const char* s, std::size_t n) {
+  const char* dot = static_cast<const char*>(std::memchr(s, '.', n));
+  if (dot == nullptr) return n;
+  while (n > 0 && s[n - 1] == '0') --n;
+  if (n > 0 && s[n - 1] == '.') --n;
+  return n;
+}
+}  // namespace
+
+int convertTavNum(char* out, double x, int precision, int* status) {
+  int p = precision;
+  if (precision > 14 || precision == -1) p = 14;
+  else if (precision <= 0) p = 1;
+  *status = 0;
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%22.*e", p, x);
+  std::size_t len = std::strlen(buf);
+  std::size_t e = len;
+  while (e > 0 && buf[e - 1] != 'e') --e;
+  if (e <= 1) {  // no exponent, or nothing before it: inf and nan
+    out[0] = '?';
+    out[1] = '\0';
+    *status = -1;
+    return 1;
+  }
+  --e;  // index of the 'e'
+  int exponent = std::atoi(buf + e + 1);
+  std::size_t m = 0;
+  while (m < e && !(buf[m] >= '0' && buf[m] <= '9')) ++m;
+  // Mantissa digits: lead digit, then p fraction digits after the point.
+  const char lead = buf[m];
+  const char* frac = buf + m + 2;
+  const std::size_t fracLen = e - (m + 2);
+  std::string text;
+  if (exponent > p || exponent < -6) {
+    std::string mant(buf + m, e - m);
+    mant.resize(stripZeros(mant.data(), mant.size()));
+    char tail[32];
+    std::snprintf(tail, sizeof tail, "%s%c%c%d", mant.c_str(), 'e', exponent < 0 ? '-' : '+',
+                  exponent < 0 ? -exponent : exponent);
+    text = tail;
+  } else if (exponent == 0) {
+    std::string mant(buf + m, e - m);
+    mant.resize(stripZeros(mant.data(), mant.size()));
+    text = mant;
+  } else if (exponent < 0) {
+    text = "0.";
+    text.append((std::size_t)(-exponent - 1), '0');
+    text.push_back(lead);
+    std::string f(frac, fracLen);
+    while (!f.empty() && f.back() == '0') f.pop_back();
+    text += f;
+  } else {
+    text.push_back(lead);
+    text.append(frac, (std::size_t)exponent);
+    if (exponent < p) {
+      std::string rest(frac + exponent, fracLen - (std::size_t)exponent);
+      while (!rest.empty() && rest.back() == '0') rest.pop_back();
+      if (!rest.empty()) text += "." + rest;
+    }
+  }
+  std::memcpy(out, text.c_str(), text.size() + 1);
+  return (int)text.size();
+}

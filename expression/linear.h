@@ -1,0 +1,433 @@
+// Numeric and integer expression bases, the linear nodes (a term list, a
+// constant and a list of non-linear parts), their change records, the
+// expression handles and the number-to-text conversion.
+#ifndef TAV_EXPRESSION_LINEAR_H
+#define TAV_EXPRESSION_LINEAR_H
+
+#include <ostream>
+
+#include "protocol.h"
+
+class TavNumLinTermI;
+class TavIntLinTermI;
+class TavIntExprI;
+class TavNumVarI;
+class TavNumVar;
+class TavIntVar;
+class TavNumVarArray;
+class TavNumLinExprTerm;
+class TavIntLinExprTerm;
+
+/// Base of every numeric node: adds the reference count.
+class TavNumExprI : public TavNode<TavNumExprI, TavExtractableI> {
+ public:
+  static constexpr const char* RttiName = "TavNumExprI";
+  explicit TavNumExprI(TavEnvI* env, const char* name = nullptr) : TavNode(env, name) {}
+
+  void visitSubExtractables(TavExtractableVisitor* visitor) override = 0;
+  bool isRefCountedExpr() const override { return true; }
+  /// Drops one reference; at zero the node goes to the interceptor or is destroyed.
+  void end() override;
+  /// The node itself; linear nodes return a real copy.
+  virtual TavNumExprI* copy() { return this; }
+  /// end(), unless the environment is ending.
+  virtual void release();
+  /// A new linear node holding this one as its only non-linear part.
+  virtual TavNumLinTermI* toNumLinTermI();
+  virtual bool isInteger() const { return false; }
+  virtual double eval(TavAlgorithm alg) const = 0;
+  virtual double getNumConstant() const { return 0.0; }
+
+  TavInt getRefCount() const { return _refCount; }
+  /// Adds one reference.
+  void lockRef() { ++_refCount; }
+  /// Subtracts one reference without ending the node.
+  void unlockRef() { --_refCount; }
+
+ protected:
+  TavInt _refCount = 0;
+};
+
+/// Base of integer nodes (and of variables).
+class TavIntExprI : public TavNode<TavIntExprI, TavNumExprI> {
+ public:
+  static constexpr const char* RttiName = "TavIntExprI";
+  using TavNode::TavNode;
+  TavNumExprI* copy() override;
+  bool isInteger() const override { return true; }
+  virtual TavIntExprI* intCopy() { return this; }
+  /// A new integer linear node holding this one as its only part.
+  virtual TavIntLinTermI* toIntLinTermI();
+};
+
+/// A non-linear summand of a linear node: the node (one reference) and the next cell.
+struct TavNumLinPartI {
+  TavNumExprI* _expr;
+  TavNumLinPartI* _next;
+};
+
+/// What the numeric and integer linear nodes share: the term list, the
+/// constant and the part list, in that field order, and every operation on
+/// them that does not depend on the constant's type.
+template <class Self, class Base, class Constant>
+class TavLinNode : public TavNode<Self, Base> {
+ public:
+  TavLinNode(TavEnvI* env, Constant constant) : TavNode<Self, Base>(env, nullptr), _constant(constant) {}
+  explicit TavLinNode(TavNumLinExprTermI* cell);
+  ~TavLinNode() override { clear(); }
+
+  /// Writes one term in the plain form; false (nothing written) for a zero coefficient.
+  virtual bool displayTerm(std::ostream& os, TavNumLinExprTermI* term) const;
+
+  TavNumLinExprTermI* getFirstTerm() const { return _first; }
+  TavNumLinExprTermI* getLastTerm() const { return _last; }
+  TavNumLinPartI* getFirstPart() const { return _firstPart; }
+  Constant getConstant() const { return _constant; }
+  void setConstant(Constant c) { _constant = c; }
+  bool hasParts() const { return _firstPart != nullptr; }
+  /// No terms and no parts: the node is its constant.
+  bool isConstantNode() const { return _first == nullptr && _firstPart == nullptr; }
+
+  /// Adds a cell at the tail (a null tail means an empty list).
+  void append(TavNumLinExprTermI* cell) {
+    if (_last) _last->_next = cell;
+    else _first = cell;
+    _last = cell;
+    this->self()->termsChanged();
+  }
+  /// Adds a cell at the head (it is also the tail when the tail is null).
+  void prepend(TavNumLinExprTermI* cell);
+  /// Files e as a non-linear part, with one more reference.
+  void appendPart(TavNumExprI* e);
+  /// Takes over other's terms, parts and constant, then ends other.
+  void appendNode(Self* other);
+  /// Drops every part and term; constant 0.
+  void clear();
+  /// Drops the first term of v; no change record.
+  void remove(TavNumVarI* v);
+  /// Drops the parts and terms of every object of the array.
+  void remove(TavExtractableArray objects);
+  /// Drops every part and term whose object the environment reports removed.
+  void removeMarked();
+
+  double eval(TavAlgorithm alg) const override;
+  void display(std::ostream& os) const override;
+  void visitSubExtractables(TavExtractableVisitor* visitor) override;
+  void atRemove(TavExtractableI* removed, void* data) override;
+  TavExtractableI* makeClone(TavEnvI* env) const override;
+
+  /// Appends a copy of every term and part of this node to target.
+  template <class Target>
+  Target* copyInto(Target* target) const;
+
+ protected:
+  Self* self() { return static_cast<Self*>(this); }
+  const Self* self() const { return static_cast<const Self*>(this); }
+  void termsChanged() {}
+  void dropPart(TavNumLinPartI* prev, TavNumLinPartI* part);
+
+  TavNumLinExprTermI* _first = nullptr;
+  TavNumLinExprTermI* _last = nullptr;
+  Constant _constant;
+  TavNumLinPartI* _firstPart = nullptr;
+  TavNumLinPartI* _lastPart = nullptr;
+};
+
+/// Sent when an absent variable gets a non-zero coefficient.
+class TavNumLinTermAddVar : public TavChangeNode<TavNumLinTermAddVar> {
+ public:
+  static constexpr const char* RttiName = "TavNumLinTermAddVar";
+  TavNumLinTermAddVar(TavNumLinTermI* expr, TavNumVarI* var);
+  TavNumLinTermI* getExpr() const { return _expr; }
+  TavNumVarI* getVar() const { return _var; }
+  void visitChange(TavEnvI* env, TavExtractableI* extractable, TavChangeVisitor* visitor) const override;
+
+ private:
+  TavNumLinTermI* _expr;
+  TavNumVarI* _var;
+};
+
+/// Sent when a present variable's coefficient changes or its term is dropped.
+class TavNumLinTermRemoveVar : public TavChangeNode<TavNumLinTermRemoveVar> {
+ public:
+  static constexpr const char* RttiName = "TavNumLinTermRemoveVar";
+  TavNumLinTermRemoveVar(TavNumLinTermI* expr, TavNumVarI* var);
+  TavNumLinTermI* getExpr() const { return _expr; }
+  TavNumVarI* getVar() const { return _var; }
+  void visitChange(TavEnvI* env, TavExtractableI* extractable, TavChangeVisitor* visitor) const override;
+
+ private:
+  TavNumLinTermI* _expr;
+  TavNumVarI* _var;
+};
+
+/// Sent when an integer linear node drops a removed variable's term.
+class TavIntLinTermRemoveVar : public TavChangeNode<TavIntLinTermRemoveVar> {
+ public:
+  static constexpr const char* RttiName = "TavIntLinTermRemoveVar";
+  TavIntLinTermRemoveVar(TavIntLinTermI* expr, TavNumVarI* var);
+  TavIntLinTermI* getExpr() const { return _expr; }
+  TavNumVarI* getVar() const { return _var; }
+  void visitChange(TavEnvI* env, TavExtractableI* extractable, TavChangeVisitor* visitor) const override;
+
+ private:
+  TavIntLinTermI* _expr;
+  TavNumVarI* _var;
+};
+
+/// Constant + Σ coefficient × variable + Σ non-linear parts.
+class TavNumLinTermI : public TavLinNode<TavNumLinTermI, TavNumExprI, double> {
+ public:
+  static constexpr const char* RttiName = "TavNumLinTermI";
+  typedef TavNumLinTermRemoveVar RemoveRecord;
+  TavNumLinTermI(TavEnvI* env, double constant) : TavLinNode(env, constant) {}
+  explicit TavNumLinTermI(TavNumLinExprTerm t);
+  explicit TavNumLinTermI(TavIntLinExprTerm t);
+
+  using TavLinNode::append;
+  void append(TavNumExprI* e) { appendPart(e); }
+  void append(TavNumLinTermI* other) { appendNode(other); }
+
+  /// A real copy: same constant, parts shared, terms re-created in order.
+  TavNumExprI* copy() override;
+  TavNumLinTermI* toNumLinTermI() override { return this; }
+  bool isInteger() const override;
+  double getNumConstant() const override { return _constant; }
+
+  void multiply(double d);
+  void divide(double d);
+  /// Merges duplicate terms (keeping each variable's last position) and
+  /// drops zero ones; returns the number of merges.
+  TavInt normalize();
+  /// Returns the previous coefficient (0 when absent).
+  double setCoef(TavNumVarI* v, double c);
+  void setCoef(TavNumVarArray vars, TavNumArray coefs, TavNumArray previous);
+  bool isNormalized() const { return _normalized != 0; }
+  /// No non-linear parts, or only parts that are parameters.
+  bool isLinear() const;
+
+  void termsChanged() { _normalized = 0; }
+
+ private:
+  friend class TavLinNode<TavNumLinTermI, TavNumExprI, double>;
+  TavInt _normalized = 0;
+};
+
+/// The integer linear node: integral coefficients, a 64-bit constant.
+class TavIntLinTermI : public TavLinNode<TavIntLinTermI, TavIntExprI, TavInt> {
+ public:
+  static constexpr const char* RttiName = "TavIntLinTermI";
+  typedef TavIntLinTermRemoveVar RemoveRecord;
+  TavIntLinTermI(TavEnvI* env, TavInt constant) : TavLinNode(env, constant) {}
+  explicit TavIntLinTermI(TavIntLinExprTerm t);
+
+  using TavLinNode::append;
+  void append(TavIntExprI* e);
+  void append(TavIntLinTermI* other) { appendNode(other); }
+
+  TavIntExprI* intCopy() override;
+  TavIntLinTermI* toIntLinTermI() override { return this; }
+  /// A new numeric node with the same terms, parts and constant.
+  TavNumLinTermI* toNumLinTermI() override;
+  double getNumConstant() const override { return (double)_constant; }
+  void multiply(TavInt k);
+};
+
+/// Whether x has no fractional part.
+bool TavNumIsInteger(double x);
+
+/// Throws unless e is a linear node without non-linear parts.
+void TavTestIsLinear(TavNumExprI* e);
+
+/// Writes |x| as short text; returns its length (see the README for the rules).
+int convertTavNum(char* out, double x, int precision, int* status);
+
+// ------------------------------------------------------------------ handles
+
+/// Temporary handle on any numeric node; holds no reference.
+class TavNumExprArg {
+ public:
+  TavNumExprArg(TavNumExprI* impl = nullptr) : _impl(impl) {}
+  TavNumExprI* getImpl() const { return _impl; }
+  TavEnv getEnv() const;
+  /// Ends the node (drops one reference).
+  void end();
+  /// A linear node with no terms and no parts.
+  bool isConstant() const;
+  bool isIndex() const;
+  /// The constant of a linear expression; NonLinearExpression otherwise.
+  double getNumConstant() const;
+
+ protected:
+  TavNumExprI* _impl;
+};
+
+/// Temporary handle on an integer node.
+class TavIntExprArg : public TavNumExprArg {
+ public:
+  TavIntExprArg(TavIntExprI* impl = nullptr);
+  TavIntExprI* getImpl() const;
+};
+
+class TavNumExprNonLinearExpression;
+
+/// Counted handle on any numeric node.
+class TavNumExpr : public TavNumExprArg {
+ public:
+  /// Thrown when the constant part of a non-linear expression is set or read.
+  typedef TavNumExprNonLinearExpression NonLinearExpression;
+
+  TavNumExpr() : TavNumExprArg(nullptr) {}
+  /// Stores the node; the count is not touched.
+  TavNumExpr(TavNumExprI* impl) : TavNumExprArg(impl) {}
+  /// Stores the node and adds one reference.
+  TavNumExpr(const TavNumExprArg& arg);
+  /// A new linear node with constant c, count 1.
+  explicit TavNumExpr(TavEnv env, double c = 0.0);
+  TavNumExpr(TavNumLinExprTerm t);
+  TavNumExpr(TavIntLinExprTerm t);
+
+  TavNumExpr& operator+=(const TavNumExprArg& arg);
+  TavNumExpr& operator-=(const TavNumExprArg& arg);
+  TavNumExpr& operator+=(double d);
+  TavNumExpr& operator-=(double d);
+  TavNumExpr& operator*=(double d);
+  TavNumExpr& operator/=(double d);
+
+  TavNumExpr getClone() const;
+  TavNumExpr getClone(TavEnv other) const;
+  void setClone(TavNumExpr clone) const;
+  void setClone(TavNumExpr clone, TavEnv other) const;
+
+  /// Moves this handle's reference from the old node to result.
+  void reassign(TavNumExprI* result);
+};
+
+/// Counted handle on a numeric linear node, edited in place (copy on write).
+class TavExpr : public TavNumExpr {
+ public:
+  TavExpr() : TavNumExpr() {}
+  TavExpr(TavNumLinTermI* impl);
+  explicit TavExpr(TavEnv env, double c = 0.0);
+  TavExpr(const TavNumExprArg& arg);
+  TavExpr(TavNumLinExprTerm t);
+  TavExpr(TavIntLinExprTerm t);
+
+  TavNumLinTermI* getImpl() const;
+
+  TavExpr& operator+=(double d);
+  TavExpr& operator-=(double d);
+  TavExpr& operator*=(double d);
+  TavExpr& operator/=(double d);
+  TavExpr& operator+=(const TavNumVar& v);
+  TavExpr& operator+=(const TavIntVar& v);
+  TavExpr& operator-=(const TavNumVar& v);
+  TavExpr& operator-=(const TavIntVar& v);
+  TavExpr& operator+=(TavNumLinExprTerm t);
+  TavExpr& operator+=(TavIntLinExprTerm t);
+  TavExpr& operator-=(TavNumLinExprTerm t);
+  TavExpr& operator-=(TavIntLinExprTerm t);
+  TavExpr& operator+=(const TavNumExprArg& a);
+  TavExpr& operator-=(const TavNumExprArg& a);
+
+  void clear();
+  void setNumConstant(double c);
+  void setLinearCoef(const TavNumVar& v, double c);
+  void setLinearCoefs(TavNumVarArray vars, TavNumArray coefs);
+  void remove(TavNumVarArray vars);
+  void remove(TavExtractableArray objects);
+  /// True exactly when normalisation merged nothing.
+  bool normalize();
+  bool isNormalized() const;
+  /// A new handle on a copy of the node (count 1).
+  TavExpr copy() const;
+
+  /// Walks the term cells as they stand (not normalised).
+  class LinearIterator {
+   public:
+    explicit LinearIterator(TavNumLinExprTermI* cell) : _cell(cell) {}
+    bool ok() const { return _cell != nullptr; }
+    TavNumVar getVar() const;
+    double getCoef() const { return _cell->_coef; }
+    LinearIterator& operator++() {
+      _cell = _cell->_next;
+      return *this;
+    }
+
+   private:
+    TavNumLinExprTermI* _cell;
+  };
+  LinearIterator getLinearIterator() const;
+
+ private:
+  /// The node, made private to this handle first (copy on write).
+  TavNumLinTermI* own();
+  void checkEnv(TavEnvI* other, const char* message) const;
+};
+
+/// Thrown when the constant part of a non-linear expression is set or read.
+class TavNumExprNonLinearExpression : public TavException {
+ public:
+  explicit TavNumExprNonLinearExpression(TavNumExprI* node);
+  TavNumExprI* getExpression() const { return _node; }
+  /// "Expression " node " is non linear, ..."
+  void print(std::ostream& os) const override;
+
+ private:
+  TavNumExprI* _node;
+};
+
+/// Counted handle on an integer node.
+class TavIntExpr : public TavIntExprArg {
+ public:
+  TavIntExpr() : TavIntExprArg(nullptr) {}
+  TavIntExpr(TavIntExprI* impl) : TavIntExprArg(impl) {}
+  explicit TavIntExpr(TavEnv env, TavInt c = 0);
+  TavIntExpr(TavIntLinExprTerm t);
+  TavIntExpr(const TavIntExprArg& arg);
+
+  TavIntExpr& operator+=(TavInt c);
+  TavIntExpr& operator-=(TavInt c);
+  TavIntExpr& operator*=(TavInt c);
+  TavIntExpr& operator+=(const TavIntExprArg& a);
+  TavIntExpr& operator-=(const TavIntExprArg& a);
+
+ private:
+  void reassign(TavIntExprI* result);
+};
+
+/// One term cell (variable × number), taken over by the node it goes into.
+class TavNumLinExprTerm {
+ public:
+  explicit TavNumLinExprTerm(TavNumLinExprTermI* cell = nullptr) : _cell(cell) {}
+  TavNumLinExprTermI* getImpl() const { return _cell; }
+  TavEnv getEnv() const;
+  TavNumVar getVar() const;
+  double getCoef() const { return _cell->_coef; }
+  /// A new linear node (count 0) holding the cell.
+  operator TavNumExprArg() const;
+
+ protected:
+  TavNumLinExprTermI* _cell;
+};
+
+/// One term cell of an integer variable times an integer.
+class TavIntLinExprTerm {
+ public:
+  explicit TavIntLinExprTerm(TavNumLinExprTermI* cell = nullptr) : _cell(cell) {}
+  TavNumLinExprTermI* getImpl() const { return _cell; }
+  TavEnv getEnv() const;
+  TavIntVar getVar() const;
+  TavInt getCoef() const { return (TavInt)_cell->_coef; }
+  /// A new integer linear node (count 0) holding the cell.
+  operator TavIntExprArg() const;
+  /// The same cell as a numeric term.
+  TavNumLinExprTerm toNum() const { return TavNumLinExprTerm(_cell); }
+
+ private:
+  TavNumLinExprTermI* _cell;
+};
+
+std::ostream& operator<<(std::ostream& os, const TavNumExprArg& e);
+
+#endif

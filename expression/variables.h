@@ -1,0 +1,236 @@
+// Decision variables: the one implementation class TavNumVarI with its
+// numeric, integer and Boolean handles, the variable change records, the
+// ready value algorithm TavSolution.
+#ifndef TAV_EXPRESSION_VARIABLES_H
+#define TAV_EXPRESSION_VARIABLES_H
+
+#include "linear.h"
+
+/// An array of arbitrary objects, coded as integers.
+class TavAnyArray : public TavIntArray {
+ public:
+  using TavIntArray::TavIntArray;
+};
+
+/// Handle over a numeric (continuous, integer or Boolean) variable.
+class TavNumVar : public TavNumExprArg {
+ public:
+  /// Variable kinds; any value other than 1 and 2 is Boolean.
+  enum Type { Int = 1, Float = 2, Bool = 3 };
+
+  TavNumVar() : TavNumExprArg(nullptr) {}
+  TavNumVar(TavNumVarI* impl);
+  /// A new variable with the bounds adjusted to its type (rounded up for
+  /// Int, clamped into [0, 1] for Bool).
+  TavNumVar(TavEnv env, double lb = 0.0, double ub = TavGetInfinity(), Type type = Float, const char* name = nullptr);
+  TavNumVar(TavEnv env, double lb, double ub, const char* name);
+  /// A new variable installed into the column.
+  TavNumVar(const TavAddNumVar& column, double lb = 0.0, double ub = TavGetInfinity(), Type type = Float,
+            const char* name = nullptr);
+  TavNumVar(const TavAddNumVar& column, TavNumArray values, Type type = Float, const char* name = nullptr);
+  TavNumVar(TavNumRange range, const char* name = nullptr);
+  /// A variable taking one of the values.
+  TavNumVar(TavEnv env, TavNumArray values, Type type = Float, const char* name = nullptr);
+
+  TavNumVarI* getImpl() const;
+  double getLB() const;
+  double getUB() const;
+  void setLB(double lb) const;
+  void setUB(double ub) const;
+  void setBounds(double lb, double ub) const;
+  Type getType() const;
+  /// Appends the variable's values to out.
+  void getPossibleValues(TavNumArray out) const;
+  void setPossibleValues(TavNumArray values) const;
+  const char* getName() const;
+  void setName(const char* name) const;
+  TavInt getId() const;
+  /// Destroys the variable.
+  void end();
+};
+
+/// Handle over an integer variable.
+class TavIntVar : public TavIntExprArg {
+ public:
+  TavIntVar() : TavIntExprArg(nullptr) {}
+  TavIntVar(TavNumVarI* impl);
+  /// A new integer variable in [0, 2^53 - 1].
+  explicit TavIntVar(TavEnv env, const char* name = nullptr);
+  TavIntVar(TavEnv env, TavInt lb, TavInt ub, const char* name = nullptr);
+  TavIntVar(TavIntRange range, const char* name = nullptr);
+  TavIntVar(TavEnv env, TavIntArray values, const char* name = nullptr);
+  TavIntVar(const TavAddNumVar& column, TavInt lb, TavInt ub, const char* name = nullptr);
+  TavIntVar(const TavAddNumVar& column, TavIntArray values, const char* name = nullptr);
+  /// The same variable; TavBadConversion for a continuous one.
+  TavIntVar(const TavNumVar& var);
+  operator TavNumVar() const { return TavNumVar(getImpl()); }
+
+  TavNumVarI* getImpl() const;
+  TavInt getMin() const;
+  TavInt getMax() const;
+  double getLB() const;
+  double getUB() const;
+  void setMin(TavInt v) const;
+  void setMax(TavInt v) const;
+  void setBounds(TavInt lb, TavInt ub) const;
+  TavNumVar::Type getType() const;
+  void getPossibleValues(TavIntArray out) const;
+  void setPossibleValues(TavIntArray values) const;
+  const char* getName() const;
+  void setName(const char* name) const;
+  TavInt getId() const;
+  void end();
+};
+
+/// Handle over a 0-1 variable.
+class TavBoolVar : public TavIntVar {
+ public:
+  TavBoolVar() : TavIntVar() {}
+  TavBoolVar(TavNumVarI* impl) : TavIntVar(impl) {}
+  explicit TavBoolVar(TavEnv env, const char* name = nullptr);
+  TavBoolVar(TavEnv env, TavInt lb, TavInt ub, const char* name = nullptr);
+  explicit TavBoolVar(const TavAddNumVar& column, const char* name = nullptr);
+  TavBoolVar(const TavNumVar& var);
+  TavBoolVar(const TavIntVar& var);
+};
+
+/// The implementation of every decision variable; bounds, type and values
+/// live in a domain, shared through the environment until first modified.
+class TavNumVarI : public TavNode<TavNumVarI, TavIntExprI> {
+ public:
+  static constexpr const char* RttiName = "TavNumVarI";
+
+  TavNumVarI(TavEnvI* env, TavVarDomainI* domain, const char* name = nullptr);
+  TavNumVarI(TavEnvI* env, const char* name = nullptr);
+  /// Shared domain by type, bounds adjusted by rule A (bounds first).
+  TavNumVarI(TavEnvI* env, double lb, double ub, TavNumVar::Type type, const char* name = nullptr);
+  /// Shared domain by type, bounds adjusted by rule B (type first).
+  TavNumVarI(TavEnvI* env, TavNumVar::Type type, double lb, double ub, const char* name = nullptr);
+  TavNumVarI(TavEnvI* env, TavNumArray values, TavNumVar::Type type, const char* name = nullptr);
+  TavNumVarI(TavEnvI* env, TavIntArray values, TavNumVar::Type type, const char* name = nullptr);
+  TavNumVarI(TavEnvI* env, TavAnyArray values, const char* name = nullptr);
+  TavNumVarI(const TavNumRangeI* range, const char* name = nullptr);
+  TavNumVarI(const TavIntRangeI* range, const char* name = nullptr);
+  ~TavNumVarI() override;
+
+  TavNumVar::Type getType() const;
+  bool isInteger() const override;
+  bool isEnumerated() const;
+  double getLB() const;
+  double getUB() const;
+  TavNumArray getNumValues() const;
+  TavIntArray getIntValues() const;
+  TavVarDomainI* getDomain() const { return _domain; }
+
+  virtual void setLB(double lb);
+  virtual void setUB(double ub);
+  virtual void setBounds(double lb, double ub);
+  /// A new private domain of the current type, without notification.
+  void makeDomain(double lb, double ub);
+  void setPossibleValues(TavNumArray values);
+  void setPossibleValues(TavIntArray values);
+
+  TavNumLinTermI* toNumLinTermI() override;
+  TavIntLinTermI* toIntLinTermI() override;
+  /// The algorithm's value; on failure, the active model evaluator's.
+  double eval(TavAlgorithm alg) const override {
+    try {
+      return alg.getImpl()->getValue(this);
+    } catch (...) {
+      return evalFallback();
+    }
+  }
+  void display(std::ostream& os) const override;
+  TavExtractableI* makeClone(TavEnvI* env) const override;
+  void visitSubExtractables(TavExtractableVisitor* visitor) override;
+  bool isRefCountedExpr() const override { return false; }
+  void release() override {}
+  void end() override { TavExtractableI::end(); }
+  bool isDecisionExpr() const override { return true; }
+
+  /// Scratch slot of the linear nodes when mark arrays are unavailable.
+  TavNumLinExprTermI* _mark = nullptr;
+
+ protected:
+  /// Replaces a shared domain by a private copy.
+  void copyOnWrite();
+  double evalFallback() const;
+  TavVarDomainI* _domain;
+};
+
+/// New bounds of one variable.
+class TavSetNumVarBounds : public TavChangeNode<TavSetNumVarBounds> {
+ public:
+  static constexpr const char* RttiName = "TavSetNumVarBounds";
+  TavSetNumVarBounds(TavNumVarI* var, double lb, double ub) : TavChangeNode(var), _var(var), _lb(lb), _ub(ub) {}
+  TavNumVar getVar() const;
+  double getLB() const { return _lb; }
+  double getUB() const { return _ub; }
+
+ private:
+  TavNumVarI* _var;
+  double _lb, _ub;
+};
+
+/// New bounds of a whole array of variables.
+class TavSetNumVarArrayBounds : public TavChangeNode<TavSetNumVarArrayBounds> {
+ public:
+  static constexpr const char* RttiName = "TavSetNumVarArrayBounds";
+  TavSetNumVarArrayBounds(TavArrayI* vars, TavArrayI* lbs, TavArrayI* ubs) : _vars(vars), _lbs(lbs), _ubs(ubs) {}
+  TavNumVarArray getVars() const;
+  TavNumArray getLBs() const { return TavNumArray(_lbs); }
+  TavNumArray getUBs() const { return TavNumArray(_ubs); }
+
+ private:
+  TavArrayI* _vars;
+  TavArrayI* _lbs;
+  TavArrayI* _ubs;
+};
+
+/// A new list of possible values; exactly one of the two arrays is present.
+class TavSetNumVarPossibleValues : public TavChangeNode<TavSetNumVarPossibleValues> {
+ public:
+  static constexpr const char* RttiName = "TavSetNumVarPossibleValues";
+  TavSetNumVarPossibleValues(TavNumVarI* var, TavArrayI* nums, TavArrayI* ints)
+      : TavChangeNode(var), _var(var), _nums(nums), _ints(ints) {}
+  TavNumVar getVar() const;
+  TavNumArray getNumValues() const { return TavNumArray(_nums); }
+  TavIntArray getIntValues() const { return TavIntArray(_ints); }
+
+ private:
+  TavNumVarI* _var;
+  TavArrayI* _nums;
+  TavArrayI* _ints;
+};
+
+/// A ready algorithm that holds values set by the user.
+class TavSolutionI : public TavAlgorithmI {
+ public:
+  explicit TavSolutionI(TavEnvI* env) : TavAlgorithmI(env) {}
+  double getValue(const TavNumVarI* var) const override;
+  void setValue(const TavNumVarI* var, double v);
+
+ private:
+  struct Slot {
+    const TavNumVarI* var;
+    double value;
+  };
+  std::vector<Slot> _values;  // by variable identifier
+};
+
+class TavSolution : public TavAlgorithm {
+ public:
+  /// A new solution in env, freed with it (or by end()).
+  explicit TavSolution(TavEnv env);
+  TavSolutionI* getImpl() const { return static_cast<TavSolutionI*>(_impl); }
+  void setValue(const TavNumVar& var, double v) const;
+};
+
+/// The variable if it may be seen as Boolean: TavWrongUsage for a continuous
+/// one, TavBadConversion for an integer one whose bounds are not 0 or 1.
+TavNumVarI* TavCheckBoolFromNum(TavNumVarI* var);
+
+std::ostream& operator<<(std::ostream& os, const TavNumVar& v);
+std::ostream& operator<<(std::ostream& os, const TavIntVar& v);
+
+#endif

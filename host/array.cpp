@@ -1,0 +1,152 @@
+// Segmented arrays, ranges, columns and array printing.
+#include "array.h"
+
+#include <cstring>
+
+namespace {
+constexpr TavInt MinShift = 4;   // 16 elements
+constexpr TavInt MaxShift = 12;  // 4096 elements (32 KiB blocks)
+
+TavInt shiftFor(TavInt n) {
+  TavInt s = MinShift;
+  while (s < MaxShift && (TavInt(1) << s) < n) ++s;
+  return s;
+}
+}  // namespace
+
+TavArrayI::TavArrayI(TavEnvI* env, TavInt n, int blockShift)
+    : _env(env), _blockCount(0), _tableCapacity(0), _size(0), _mask(0), _shift(0), _blocks(nullptr) {
+  if (n < 0) n = 0;
+  _shift = blockShift >= 0 ? blockShift : shiftFor(n);
+  _mask = (TavInt(1) << _shift) - 1;
+  try {
+    while ((_blockCount << _shift) < n) grow();
+  } catch (...) {
+    freeBlocks();
+    throw;
+  }
+  for (TavInt b = 0; b < _blockCount; ++b) std::memset(_blocks[b], 0, sizeof(TavArraySlot) << _shift);
+  _size = n;
+}
+
+TavArrayI::TavArrayI(const TavArrayI* src)
+    : _env(src->_env), _blockCount(0), _tableCapacity(0), _size(0), _mask(src->_mask), _shift(src->_shift),
+      _blocks(nullptr) {
+  try {
+    addArray(src);
+  } catch (...) {
+    freeBlocks();
+    throw;
+  }
+}
+
+TavArrayI::~TavArrayI() { freeBlocks(); }
+
+void TavArrayI::freeBlocks() {
+  const std::size_t blockBytes = sizeof(TavArraySlot) << _shift;
+  for (TavInt b = 0; b < _blockCount; ++b) _env->free(_blocks[b], blockBytes);
+  _env->free(_blocks, sizeof(TavArraySlot*) * _tableCapacity);
+  _blocks = nullptr;
+  _blockCount = _tableCapacity = 0;
+}
+
+void TavArrayI::grow() {
+  if (_blockCount == _tableCapacity) {
+    TavInt cap = _tableCapacity ? 2 * _tableCapacity : 4;
+    TavArraySlot** table = static_cast<TavArraySlot**>(_env->alloc(sizeof(TavArraySlot*) * cap));
+    if (_blockCount) std::memcpy(table, _blocks, sizeof(TavArraySlot*) * _blockCount);
+    _env->free(_blocks, sizeof(TavArraySlot*) * _tableCapacity);
+    _blocks = table;
+    _tableCapacity = cap;
+  }
+  _blocks[_blockCount] = static_cast<TavArraySlot*>(_env->alloc(sizeof(TavArraySlot) << _shift));
+  ++_blockCount;
+}
+
+void TavArrayI::addArray(const TavArrayI* other) {
+  TavInt n = other->_size;  // other may be this array
+  for (TavInt i = 0; i < n; ++i) add(other->at(i));
+}
+
+void TavArrayI::remove(TavInt first, TavInt count) {
+  if (first < 0 || count <= 0 || first >= _size) return;
+  if (first + count > _size) count = _size - first;
+  for (TavInt i = first; i + count < _size; ++i) at(i) = at(i + count);
+  _size -= count;
+}
+
+void TavArrayI::end() { delete this; }
+
+TavArrayI* TavArrayBase::Make(TavEnv env, TavInt n) {
+  if (env.getImpl() == nullptr) throw TavEmptyHandleException();
+  return new (env.getImpl()) TavArrayI(env.getImpl(), n);
+}
+
+TavNumArray TavIntArray::toNumArray() const {
+  TavNumArray out(getEnv(), getSize());
+  for (TavInt i = 0; i < getSize(); ++i) out[i] = (double)(*this)[i];
+  return out;
+}
+
+void TavExtractableArray::endElements() {
+  for (TavInt i = 0; i < getSize(); ++i) {
+    TavExtractableI* e = _impl->at(i).obj;
+    if (e) e->end();
+  }
+}
+
+void TavExtractableArray::removeMarked() {
+  TavInt out = 0;
+  for (TavInt i = 0; i < getSize(); ++i) {
+    TavExtractableI* e = _impl->at(i).obj;
+    if (e && e->getEnv()->isRemoved(e)) continue;
+    _impl->at(out++).obj = e;
+  }
+  _impl->remove(out, getSize() - out);
+}
+
+void TavExtractableArray::replaceByClone(TavEnvI* env) {
+  TavExtractableArray clones(TavEnv(env), 0);
+  for (TavInt i = 0; i < getSize(); ++i) {
+    TavExtractableI* e = _impl->at(i).obj;
+    clones.addObject(e ? env->getClone(e) : nullptr);
+  }
+  _impl = clones._impl;
+}
+
+void TavNumRange::end() {
+  delete _impl;
+  _impl = nullptr;
+}
+
+void TavIntRange::end() {
+  delete _impl;
+  _impl = nullptr;
+}
+
+TavAddExtractableI::TavAddExtractableI(TavEnvI* env) : _env(env), _installed(TavEnv(env), 0) {}
+
+TavAddExtractableI::~TavAddExtractableI() { _installed.end(); }
+
+void TavAddExtractableI::install(TavExtractableI* obj) { _installed.addObject(obj); }
+
+TavNumColumn::TavNumColumn(TavEnv env) : TavAddNumVar(new (env.getImpl()) TavAddExtractableI(env.getImpl())) {}
+
+void TavNumColumn::end() {
+  delete _impl;
+  _impl = nullptr;
+}
+
+std::ostream& operator<<(std::ostream& os, const TavNumArray& a) {
+  return TavPrintArray(os, a, [](std::ostream& o, double v) { o << v; });
+}
+
+std::ostream& operator<<(std::ostream& os, const TavIntArray& a) {
+  return TavPrintArray(os, a, [](std::ostream& o, TavInt v) { o << v; });
+}
+
+std::ostream& operator<<(std::ostream& os, const TavExtractableArray& a) {
+  return TavPrintArray(os, a, [](std::ostream& o, TavExtractable e) {
+    if (e.getImpl()) e.getImpl()->display(o);
+  });
+}

@@ -1,0 +1,285 @@
+// Segmented arrays (block table, block shift, index mask) and their handles:
+// value arrays of numbers, arrays of model objects, ranges and columns.
+#ifndef TAV_HOST_ARRAY_H
+#define TAV_HOST_ARRAY_H
+
+#include <initializer_list>
+#include <ostream>
+
+#include "env.h"
+
+/// One element: every array holds 8-byte numbers or pointers.
+union TavArraySlot {
+  double num;
+  TavInt integer;
+  TavExtractableI* obj;
+  void* ptr;
+};
+
+/// The storage behind every array handle. Element i lives at
+/// blockTable[i >> blockShift][i & indexMask]; indexing checks no bounds.
+class TavArrayI : public TavMemoryManagerObjectI {
+ public:
+  /// n zeroed elements; blockShift < 0 picks one from n.
+  TavArrayI(TavEnvI* env, TavInt n = 0, int blockShift = -1);
+  /// A copy of src, in src's memory.
+  explicit TavArrayI(const TavArrayI* src);
+  ~TavArrayI();
+  TavArrayI(const TavArrayI&) = delete;
+  TavArrayI& operator=(const TavArrayI&) = delete;
+
+  TavEnvI* getEnv() const { return _env; }
+  TavInt getSize() const { return _size; }
+  TavInt getIndexMask() const { return _mask; }
+  TavInt getBlockShift() const { return _shift; }
+  TavArraySlot& at(TavInt i) const { return _blocks[i >> _shift][i & _mask]; }
+
+  void add(TavArraySlot v) {
+    if (TAV_UNLIKELY(_size == (_blockCount << _shift))) grow();
+    at(_size++) = v;
+  }
+  void addArray(const TavArrayI* other);
+  /// Removes count elements from first on; later elements move down.
+  void remove(TavInt first, TavInt count = 1);
+  void clear() { _size = 0; }
+  /// Destroys the array and returns its memory.
+  void end();
+
+ private:
+  void grow();
+  void freeBlocks();
+  TavEnvI* _env;
+  TavInt _blockCount;
+  TavInt _tableCapacity;
+  TavInt _size;
+  TavInt _mask;
+  TavInt _shift;
+  TavArraySlot** _blocks;
+};
+
+/// What every array handle shares: one pointer to its storage.
+class TavArrayBase {
+ public:
+  TavArrayBase(TavArrayI* impl = nullptr) : _impl(impl) {}
+  TavArrayI* getImpl() const { return _impl; }
+  TavEnv getEnv() const { return TavEnv(_impl ? _impl->getEnv() : nullptr); }
+  TavInt getSize() const {
+    if (TAV_UNLIKELY(_impl == nullptr)) throw TavEmptyHandleException();
+    return _impl->getSize();
+  }
+  void remove(TavInt first, TavInt count = 1) { _impl->remove(first, count); }
+  void clear() { _impl->clear(); }
+  /// Frees the array (not its elements).
+  void end() {
+    if (_impl) _impl->end();
+    _impl = nullptr;
+  }
+
+ protected:
+  static TavArrayI* Make(TavEnv env, TavInt n);
+  TavArrayI* _impl;
+};
+
+/// Maps an element type to its slot member.
+template <class T>
+struct TavSlotOf;
+template <>
+struct TavSlotOf<double> {
+  static double& get(TavArraySlot& s) { return s.num; }
+};
+template <>
+struct TavSlotOf<TavInt> {
+  static TavInt& get(TavArraySlot& s) { return s.integer; }
+};
+
+/// Arrays of numbers (TavNumArray, TavIntArray).
+template <class T>
+class TavValueArray : public TavArrayBase {
+ public:
+  TavValueArray(TavArrayI* impl = nullptr) : TavArrayBase(impl) {}
+  /// n zeros in env.
+  explicit TavValueArray(TavEnv env, TavInt n = 0) : TavArrayBase(Make(env, n)) {}
+  TavValueArray(TavEnv env, std::initializer_list<T> values) : TavArrayBase(Make(env, 0)) {
+    for (T v : values) add(v);
+  }
+  T& operator[](TavInt i) const { return TavSlotOf<T>::get(_impl->at(i)); }
+  void add(T v) {
+    TavArraySlot s;
+    TavSlotOf<T>::get(s) = v;
+    _impl->add(s);
+  }
+  void add(TavValueArray other) { _impl->addArray(other._impl); }
+};
+
+class TavNumArray : public TavValueArray<double> {
+ public:
+  using TavValueArray<double>::TavValueArray;
+};
+
+class TavIntArray : public TavValueArray<TavInt> {
+ public:
+  using TavValueArray<TavInt>::TavValueArray;
+  /// The same values as doubles, in a new array of the same environment.
+  TavNumArray toNumArray() const;
+};
+
+/// Handle over one model object.
+class TavExtractable {
+ public:
+  TavExtractable(TavExtractableI* impl = nullptr) : _impl(impl) {}
+  TavExtractableI* getImpl() const { return _impl; }
+  TavEnv getEnv() const { return TavEnv(_impl->getEnv()); }
+  TavInt getId() const { return _impl->getId(); }
+  const char* getName() const { return _impl->getName(); }
+  void setName(const char* name) const { _impl->setName(name); }
+  void end() {
+    if (_impl) _impl->end();
+    _impl = nullptr;
+  }
+
+ private:
+  TavExtractableI* _impl;
+};
+
+/// Arrays of model objects; elements may be null.
+class TavExtractableArray : public TavArrayBase {
+ public:
+  TavExtractableArray(TavArrayI* impl = nullptr) : TavArrayBase(impl) {}
+  explicit TavExtractableArray(TavEnv env, TavInt n = 0) : TavArrayBase(Make(env, n)) {}
+  TavExtractable operator[](TavInt i) const { return TavExtractable(_impl->at(i).obj); }
+  void add(TavExtractable e) { addObject(e.getImpl()); }
+  void add(TavExtractableArray other) { _impl->addArray(other._impl); }
+  void addArray(TavExtractableArray other) { _impl->addArray(other._impl); }
+  TavExtractableI* getObject(TavInt i) const { return _impl->at(i).obj; }
+  void setObject(TavInt i, TavExtractableI* obj) const { _impl->at(i).obj = obj; }
+  void addObject(TavExtractableI* obj) {
+    TavArraySlot s;
+    s.obj = obj;
+    _impl->add(s);
+  }
+  /// Ends every non-null element.
+  void endElements();
+  /// Drops the elements that the environment reports removed.
+  void removeMarked();
+  /// Points this handle at a new array of env holding each element's clone.
+  void replaceByClone(TavEnvI* env);
+};
+
+/// A numeric interval, used to create variables over it.
+class TavNumRangeI : public TavMemoryManagerObjectI {
+ public:
+  TavNumRangeI(TavEnvI* env, double lb, double ub) : _env(env), _lb(lb), _ub(ub) {}
+  TavEnvI* getEnv() const { return _env; }
+  double getLB() const { return _lb; }
+  double getUB() const { return _ub; }
+
+ private:
+  TavEnvI* _env;
+  double _lb, _ub;
+};
+
+class TavIntRangeI : public TavMemoryManagerObjectI {
+ public:
+  TavIntRangeI(TavEnvI* env, TavInt lb, TavInt ub) : _env(env), _lb(lb), _ub(ub) {}
+  TavEnvI* getEnv() const { return _env; }
+  TavInt getLB() const { return _lb; }
+  TavInt getUB() const { return _ub; }
+
+ private:
+  TavEnvI* _env;
+  TavInt _lb, _ub;
+};
+
+class TavNumRange {
+ public:
+  TavNumRange(TavNumRangeI* impl = nullptr) : _impl(impl) {}
+  TavNumRange(TavEnv env, double lb, double ub) : _impl(new (env.getImpl()) TavNumRangeI(env.getImpl(), lb, ub)) {}
+  TavNumRangeI* getImpl() const { return _impl; }
+  TavEnv getEnv() const { return TavEnv(_impl->getEnv()); }
+  void end();
+
+ private:
+  TavNumRangeI* _impl;
+};
+
+class TavIntRange {
+ public:
+  TavIntRange(TavIntRangeI* impl = nullptr) : _impl(impl) {}
+  TavIntRange(TavEnv env, TavInt lb, TavInt ub) : _impl(new (env.getImpl()) TavIntRangeI(env.getImpl(), lb, ub)) {}
+  TavIntRangeI* getImpl() const { return _impl; }
+  TavEnv getEnv() const { return TavEnv(_impl->getEnv()); }
+  void end();
+
+ private:
+  TavIntRangeI* _impl;
+};
+
+/// What a column-wise variable is installed into.
+class TavAddExtractableI : public TavMemoryManagerObjectI {
+ public:
+  explicit TavAddExtractableI(TavEnvI* env);
+  virtual ~TavAddExtractableI();
+  TavEnvI* getEnv() const { return _env; }
+  virtual void install(TavExtractableI* obj);
+  TavExtractableArray getInstalled() const { return _installed; }
+
+ private:
+  TavEnvI* _env;
+  TavExtractableArray _installed;
+};
+
+/// Handle base of columns: the environment and the install operation.
+class TavAddNumVar {
+ public:
+  TavAddNumVar(TavAddExtractableI* impl = nullptr) : _impl(impl) {}
+  TavAddExtractableI* getImpl() const { return _impl; }
+  TavEnv getEnv() const { return TavEnv(_impl->getEnv()); }
+  bool isEmpty() const { return _impl == nullptr; }
+  /// Records a variable created from this column.
+  void install(TavExtractableI* obj) const { _impl->install(obj); }
+
+ protected:
+  TavAddExtractableI* _impl;
+};
+
+/// A column that records every variable installed into it.
+class TavNumColumn : public TavAddNumVar {
+ public:
+  TavNumColumn() : TavAddNumVar(nullptr) {}
+  TavNumColumn(TavAddExtractableI* impl) : TavAddNumVar(impl) {}
+  explicit TavNumColumn(TavEnv env);
+  TavInt getSize() const { return _impl ? _impl->getInstalled().getSize() : 0; }
+  TavExtractable operator[](TavInt i) const { return _impl->getInstalled()[i]; }
+  void end();
+};
+
+class TavNumColumnArray : public TavArrayBase {
+ public:
+  TavNumColumnArray(TavArrayI* impl = nullptr) : TavArrayBase(impl) {}
+  explicit TavNumColumnArray(TavEnv env, TavInt n = 0) : TavArrayBase(Make(env, n)) {}
+  TavNumColumn operator[](TavInt i) const { return TavNumColumn(static_cast<TavAddExtractableI*>(_impl->at(i).ptr)); }
+  void add(TavNumColumn c) {
+    TavArraySlot s;
+    s.ptr = c.getImpl();
+    _impl->add(s);
+  }
+};
+
+/// "[" elements "]", separated by ", " with a line break for the blank after
+/// every tenth element.
+template <class Array, class PrintElement>
+std::ostream& TavPrintArray(std::ostream& os, const Array& a, PrintElement print) {
+  os << "[";
+  TavInt n = a.getImpl() ? a.getSize() : 0;
+  for (TavInt i = 0; i < n; ++i) {
+    if (i > 0) os << (i % 10 == 0 ? ",\n" : ", ");
+    print(os, a[i]);
+  }
+  return os << "]";
+}
+
+std::ostream& operator<<(std::ostream& os, const TavNumArray& a);
+std::ostream& operator<<(std::ostream& os, const TavIntArray& a);
+std::ostream& operator<<(std::ostream& os, const TavExtractableArray& a);
+
+#endif

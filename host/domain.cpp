@@ -1,0 +1,117 @@
+// Variable domains.
+#include "domain.h"
+
+TavVarDomainI::~TavVarDomainI() = default;
+
+bool TavVarDomainI::contains(double v) const { return v >= getLB() && v <= getUB(); }
+TavInt TavVarDomainI::getValueCount() const { return 0; }
+void TavVarDomainI::setNumValues(TavNumArray values) { values.end(); }
+void TavVarDomainI::setIntValues(TavIntArray values) { values.end(); }
+
+void TavVarDomainI::end(TavEnvI* env) {
+  (void)env;
+  delete this;
+}
+
+namespace {
+template <class Array>
+void boundsOf(const Array& values, double& lb, double& ub) {
+  lb = TavGetInfinity();
+  ub = -TavGetInfinity();
+  for (TavInt i = 0; i < values.getSize(); ++i) {
+    double v = (double)values[i];
+    if (v < lb) lb = v;
+    if (v > ub) ub = v;
+  }
+}
+
+template <class Array>
+bool listed(const Array& values, double v) {
+  for (TavInt i = 0; i < values.getSize(); ++i)
+    if ((double)values[i] == v) return true;
+  return false;
+}
+
+template <class Array>
+void printValues(std::ostream& os, const Array& values) {
+  os << "{";
+  for (TavInt i = 0; i < values.getSize(); ++i) os << (i ? ", " : "") << values[i];
+  os << "} ";
+}
+}  // namespace
+
+TavNumVarDomainI::TavNumVarDomainI(TavNumArray values) : _values(values) { boundsOf(values, _lb, _ub); }
+
+bool TavNumVarDomainI::contains(double v) const {
+  return isEnumerated() ? listed(_values, v) : TavVarDomainI::contains(v);
+}
+
+void TavNumVarDomainI::setNumValues(TavNumArray values) {
+  _values.end();
+  _values = values;
+  boundsOf(values, _lb, _ub);
+}
+
+void TavNumVarDomainI::end(TavEnvI* env) {
+  _values.end();
+  TavVarDomainI::end(env);
+}
+
+void TavNumVarDomainI::display(std::ostream& os) const {
+  if (isEnumerated()) printValues(os, _values);
+  else os << "[" << _lb << " .. " << _ub << "] ";
+}
+
+TavVarDomainI* TavNumVarDomainI::makeCopy(TavEnvI* env) const {
+  if (!isEnumerated()) return new (env) TavNumVarDomainI(_lb, _ub);
+  TavNumArray copy(TavEnv(env), 0);
+  for (TavInt i = 0; i < _values.getSize(); ++i) copy.add(_values[i]);
+  TavNumVarDomainI* d = new (env) TavNumVarDomainI(copy);
+  d->_lb = _lb;
+  d->_ub = _ub;
+  return d;
+}
+
+TavIntVarDomainI::TavIntVarDomainI(TavIntArray values, TavInt anyFlag) : _any(anyFlag != 0), _values(values) {
+  double lb, ub;
+  boundsOf(values, lb, ub);
+  _lb = TavTrunc(lb);
+  _ub = TavTrunc(ub);
+}
+
+bool TavIntVarDomainI::contains(double v) const {
+  return isEnumerated() ? listed(_values, v) : TavVarDomainI::contains(v);
+}
+
+void TavIntVarDomainI::setIntValues(TavIntArray values) {
+  _values.end();
+  _values = values;
+  double lb, ub;
+  boundsOf(values, lb, ub);
+  _lb = TavTrunc(lb);
+  _ub = TavTrunc(ub);
+}
+
+void TavIntVarDomainI::end(TavEnvI* env) {
+  _values.end();
+  TavVarDomainI::end(env);
+}
+
+void TavIntVarDomainI::display(std::ostream& os) const {
+  if (isEnumerated()) printValues(os, _values);
+  else os << "[" << _lb << " .. " << _ub << "] ";
+}
+
+TavVarDomainI* TavIntVarDomainI::makeCopy(TavEnvI* env) const {
+  if (!isEnumerated()) return new (env) TavIntVarDomainI(_lb, _ub, _any ? 1 : 0);
+  TavIntArray copy(TavEnv(env), 0);
+  for (TavInt i = 0; i < _values.getSize(); ++i) copy.add(_values[i]);
+  TavIntVarDomainI* d = new (env) TavIntVarDomainI(copy, _any ? 1 : 0);
+  d->_lb = _lb;
+  d->_ub = _ub;
+  return d;
+}
+
+void TavBoolVarDomainI::display(std::ostream& os) const { os << "[" << _lb << " .. " << _ub << "] "; }
+
+TavVarDomainI* TavBoolVarDomainI::makeCopy(TavEnvI* env) const { return new (env) TavBoolVarDomainI(_lb, _ub); }

@@ -1,0 +1,116 @@
+// Variable domains: bounds, type and value lists of decision variables,
+// shared between variables through the environment or private to one.
+#ifndef TAV_HOST_DOMAIN_H
+#define TAV_HOST_DOMAIN_H
+
+#include <ostream>
+
+#include "array.h"
+
+/// Variable kinds as the domains report them (the values of TavNumVar::Type).
+enum TavDomainType { TavDomainInt = 1, TavDomainFloat = 2, TavDomainBool = 3 };
+
+/// Largest integer a double holds exactly: the default integer bound.
+constexpr TavInt TavIntMaxExact = 9007199254740991L;
+
+class TavVarDomainI : public TavMemoryManagerObjectI {
+ public:
+  virtual ~TavVarDomainI();
+  virtual double getLB() const = 0;
+  virtual void setLB(double lb) = 0;
+  virtual double getUB() const = 0;
+  virtual void setUB(double ub) = 0;
+  virtual int getType() const = 0;
+  /// Whether v lies in the domain.
+  virtual bool contains(double v) const;
+  /// Number of listed values (0 for an interval).
+  virtual TavInt getValueCount() const;
+  virtual bool isEnumerated() const { return false; }
+  virtual bool isAnyDomain() const { return false; }
+  virtual TavNumArray getNumValues() const { return TavNumArray(); }
+  virtual TavIntArray getIntValues() const { return TavIntArray(); }
+  virtual void setNumValues(TavNumArray values);
+  virtual void setIntValues(TavIntArray values);
+  /// Destroys a private domain and its value list.
+  virtual void end(TavEnvI* env);
+  virtual void display(std::ostream& os) const = 0;
+  virtual TavVarDomainI* makeCopy(TavEnvI* env) const = 0;
+  virtual bool isShared() const { return _shared; }
+
+  /// Marks a domain as owned by the environment.
+  void setShared() { _shared = true; }
+
+ protected:
+  bool _shared = false;
+};
+
+/// Continuous domain: an interval, or a list of values.
+class TavNumVarDomainI : public TavVarDomainI {
+ public:
+  TavNumVarDomainI(double lb, double ub) : _lb(lb), _ub(ub) {}
+  /// Takes the array over (callers pass a copy).
+  explicit TavNumVarDomainI(TavNumArray values);
+  double getLB() const override { return _lb; }
+  void setLB(double lb) override { _lb = lb; }
+  double getUB() const override { return _ub; }
+  void setUB(double ub) override { _ub = ub; }
+  int getType() const override { return TavDomainFloat; }
+  bool contains(double v) const override;
+  TavInt getValueCount() const override { return _values.getImpl() ? _values.getSize() : 0; }
+  bool isEnumerated() const override { return _values.getImpl() != nullptr; }
+  TavNumArray getNumValues() const override { return _values; }
+  void setNumValues(TavNumArray values) override;
+  void end(TavEnvI* env) override;
+  void display(std::ostream& os) const override;
+  TavVarDomainI* makeCopy(TavEnvI* env) const override;
+
+ private:
+  double _lb, _ub;
+  TavNumArray _values;
+};
+
+/// Integer domain: an interval, a list of integers, or a list of arbitrary
+/// objects coded as integers (anyFlag 1).
+class TavIntVarDomainI : public TavVarDomainI {
+ public:
+  TavIntVarDomainI(TavInt lb, TavInt ub, TavInt flag = 0) : _lb(lb), _ub(ub), _any(flag != 0) {}
+  /// Takes the array over (callers pass a copy).
+  TavIntVarDomainI(TavIntArray values, TavInt anyFlag);
+  double getLB() const override { return (double)_lb; }
+  void setLB(double lb) override { _lb = TavTrunc(lb); }
+  double getUB() const override { return (double)_ub; }
+  void setUB(double ub) override { _ub = TavTrunc(ub); }
+  int getType() const override { return TavDomainInt; }
+  bool contains(double v) const override;
+  TavInt getValueCount() const override { return _values.getImpl() ? _values.getSize() : 0; }
+  bool isEnumerated() const override { return _values.getImpl() != nullptr; }
+  bool isAnyDomain() const override { return _any; }
+  TavIntArray getIntValues() const override { return _values; }
+  void setIntValues(TavIntArray values) override;
+  void end(TavEnvI* env) override;
+  void display(std::ostream& os) const override;
+  TavVarDomainI* makeCopy(TavEnvI* env) const override;
+
+ private:
+  TavInt _lb, _ub;
+  bool _any;
+  TavIntArray _values;
+};
+
+/// Boolean domain: bounds within {0, 1}.
+class TavBoolVarDomainI : public TavVarDomainI {
+ public:
+  TavBoolVarDomainI(TavInt lb, TavInt ub) : _lb(lb), _ub(ub) {}
+  double getLB() const override { return (double)_lb; }
+  void setLB(double lb) override { _lb = TavTrunc(lb); }
+  double getUB() const override { return (double)_ub; }
+  void setUB(double ub) override { _ub = TavTrunc(ub); }
+  int getType() const override { return TavDomainBool; }
+  void display(std::ostream& os) const override;
+  TavVarDomainI* makeCopy(TavEnvI* env) const override;
+
+ private:
+  TavInt _lb, _ub;
+};
+
+#endif

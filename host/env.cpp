@@ -1,0 +1,407 @@
+// The environment, the model-object and change-record roots, algorithms.
+#include "env.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "array.h"
+#include "domain.h"
+
+TavMutex* TavEnvI::Mutex = nullptr;
+
+void TavAssignTypeIndex(TavInt& index) {
+  if (index != 0) return;
+  TavMutex* m = TavEnvI::Mutex;
+  if (m) m->lock();
+  if (index == 0) index = ++TavRtti::_counter;
+  if (m) m->unlock();
+}
+
+// ---------------------------------------------------------------- memory objects
+
+void* TavMemoryManagerObjectI::operator new(std::size_t bytes, TavEnvI* env) { return env->alloc(bytes); }
+
+// Called when a constructor throws: the object's bytes go back at once.
+void TavMemoryManagerObjectI::operator delete(void* p, TavEnvI* env) { env->free(p); }
+
+void TavMemoryManagerObjectI::operator delete(void* p, std::size_t) {
+  if (p) TavMemory::EnvOf(p)->free(p);
+}
+
+// ---------------------------------------------------------------- visitors
+
+void TavExtractableVisitor::beginVisit(TavExtractableI*) {}
+void TavExtractableVisitor::visitChild(TavExtractableI*, TavExtractableI*) {}
+void TavExtractableVisitor::endVisit(TavExtractableI*) {}
+void TavExtractableVisitor::visitChildren(TavExtractableI* parent, TavExtractableArray children) {
+  for (TavInt i = 0; i < children.getSize(); ++i) visitChild(parent, children.getObject(i));
+}
+void TavChangeVisitor::visitChild(TavExtractableI*, TavExtractableI*) {}
+
+// ---------------------------------------------------------------- extractables
+
+TavInt TavExtractableI::_rttiIndex = 0;
+TavExtractableI::ExtractHook TavExtractableI::_extractCP = nullptr;
+TavExtractableI::ObjectHook TavExtractableI::_unextractCP = nullptr;
+TavExtractableI::ObjectHook TavExtractableI::_modifyCP = nullptr;
+
+TavTypeInfo TavExtractableI::GetBaseTypeInfo() { return nullptr; }
+TavInt TavExtractableI::GetTypeIndex() {
+  InitTypeIndex();
+  return _rttiIndex;
+}
+void TavExtractableI::InitTypeIndex() { TavAssignTypeIndex(_rttiIndex); }
+
+TavExtractableI::TavExtractableI(TavEnvI* env, const char* name) : _env(env), _id(-1), _name(nullptr) {
+  if (env == nullptr) throw TavEmptyHandleException();
+  if (name) setName(name);
+  try {
+    _id = env->registerObject(this);
+  } catch (...) {
+    setName(nullptr);
+    throw;
+  }
+}
+
+TavExtractableI::~TavExtractableI() {
+  if (_env->isEnding()) return;
+  setName(nullptr);
+  _env->unregisterObject(this);
+}
+
+void TavExtractableI::setName(const char* name) {
+  if (_name) _env->free(_name, std::strlen(_name) + 1);
+  _name = nullptr;
+  if (name) {
+    std::size_t n = std::strlen(name) + 1;
+    _name = static_cast<char*>(_env->alloc(n));
+    std::memcpy(_name, name, n);
+  }
+}
+
+void TavExtractableI::notify(const TavChange& change) const { _env->change(change); }
+
+TavExtractableI* TavExtractableI::makeClone(TavEnvI*) const {
+  throw TavNotImplemented("makeClone is not available for this object");
+}
+
+void* TavExtractableI::extractToCP(TavAlgorithm alg) const {
+  if (_extractCP == nullptr) throw TavAlgorithm::ExtractFailure();
+  return _extractCP(alg, this);
+}
+void TavExtractableI::unextractFromCP(TavAlgorithm alg, void* obj) const {
+  if (_unextractCP == nullptr) throw TavAlgorithm::RemoveFailure();
+  _unextractCP(alg, this, obj);
+}
+void TavExtractableI::modifyCP(TavAlgorithm alg, void* obj) const {
+  if (_modifyCP == nullptr) throw TavAlgorithm::RemoveFailure();
+  _modifyCP(alg, this, obj);
+}
+
+void TavExtractableI::atRemove(TavExtractableI*, void*) {}
+
+void TavExtractableI::visitSubExtractables(TavExtractableVisitor* visitor) {
+  visitor->beginVisit(this);
+  visitor->endVisit(this);
+}
+
+void TavExtractableI::end() {
+  if (_env->isRemoveFromAllOnDestroy()) _env->removeFromAllAndDestroy(this, 0);
+  else _env->destroy(this, 0);
+}
+
+void TavExtractableI::expandTo(TavModelI*, const char*, const char*) const {}
+
+void TavExtractableI::display(std::ostream& os) const {
+  if (_name) os << _name;
+  else os << getRttiTypeName() << "(" << _id << ")";
+}
+
+void TavExtractableI::whenAddedToCP(TavAlgorithm, void*) const {}
+void TavExtractableI::whenRemovedFromCP(TavAlgorithm, void*) const {}
+
+// ---------------------------------------------------------------- changes
+
+TavInt TavChange::_rttiIndex = 0;
+TavChange::ApplyHook TavChange::_applyCP = nullptr;
+
+TavTypeInfo TavChange::GetBaseTypeInfo() { return nullptr; }
+TavInt TavChange::GetTypeIndex() {
+  InitTypeIndex();
+  return _rttiIndex;
+}
+void TavChange::InitTypeIndex() { TavAssignTypeIndex(_rttiIndex); }
+
+void TavChange::visitChange(TavEnvI*, TavExtractableI*, TavChangeVisitor*) const {}
+
+void TavChange::applyToCP(TavAlgorithm alg, void* data) const {
+  if (_applyCP == nullptr) throw TavAlgorithm::CannotChangeException(alg.getImpl());
+  _applyCP(alg, this, data);
+}
+
+TavExtractableArray TavChange::getChangedExtractableArray() const { return TavExtractableArray(); }
+
+// ---------------------------------------------------------------- algorithms
+
+TavAlgorithmI::TavAlgorithmI(TavEnvI* env) : _env(env) {
+  if (env == nullptr) throw TavEmptyHandleException();
+  env->_algorithms.push_back(this);
+}
+
+TavAlgorithmI::~TavAlgorithmI() {
+  if (_registered && _env) {
+    auto& list = _env->_algorithms;
+    auto it = std::find(list.begin(), list.end(), this);
+    if (it != list.end()) list.erase(it);
+  }
+}
+
+TavEnv TavAlgorithm::getEnv() const { return TavEnv(_impl ? _impl->getEnv() : nullptr); }
+
+void TavAlgorithm::end() {
+  delete _impl;
+  _impl = nullptr;
+}
+
+// ---------------------------------------------------------------- tuple encoder
+
+TavInt TavTupleEncoderI::encode(const TavInt* values, TavInt n) {
+  std::vector<TavInt> key(values, values + n);
+  auto it = _codes.find(key);
+  if (it != _codes.end()) return it->second;
+  TavInt code = (TavInt)_codes.size();
+  _codes.emplace(std::move(key), code);
+  return code;
+}
+
+// ---------------------------------------------------------------- environment
+
+TavEnvI::TavEnvI() : _memory(this), _terms(sizeof(TavNumLinExprTermI)) {}
+
+TavEnvI::~TavEnvI() { end(); }
+
+TavInt TavEnvI::registerObject(TavExtractableI* obj) {
+  TavInt id;
+  if (!_freeIds.empty()) {
+    id = _freeIds.back();
+    _freeIds.pop_back();
+    _objects[id] = obj;
+  } else {
+    id = (TavInt)_objects.size();
+    _objects.push_back(obj);
+    try {
+      _idTable.push_back(id);
+    } catch (...) {
+      _objects.pop_back();
+      throw;
+    }
+  }
+  _idTable[id] = id;
+  ++_liveObjects;
+  return id;
+}
+
+void TavEnvI::unregisterObject(TavExtractableI* obj) {
+  TavInt id = obj->getId();
+  if (id < 0 || id >= (TavInt)_objects.size() || _objects[id] != obj) return;
+  _objects[id] = nullptr;
+  _idTable[id] = id;
+  --_liveObjects;
+  _freeIds.push_back(id);  // capacity reserved as objects were registered
+}
+
+void** TavEnvI::getMarkArray() {
+  MarkArray* free = nullptr;
+  for (MarkArray& m : _markArrays)
+    if (!m.inUse) {
+      free = &m;
+      break;
+    }
+  if (free == nullptr) {
+    _markArrays.emplace_back();
+    free = &_markArrays.back();
+  }
+  if (free->data.size() < _objects.size()) free->data.resize(_objects.size());
+  free->inUse = true;
+  return free->data.data();
+}
+
+void TavEnvI::releaseMarkArray(void** marks) {
+  for (MarkArray& m : _markArrays)
+    if (m.data.data() == marks) m.inUse = false;
+}
+
+TavExtractableI* TavEnvI::getClone(const TavExtractableI* source) const {
+  auto it = _clones.find(source);
+  return it == _clones.end() ? nullptr : it->second;
+}
+
+void TavEnvI::setClone(const TavExtractableI* source, TavExtractableI* clone) { _clones[source] = clone; }
+
+namespace {
+// Collects the direct children of one object.
+class ChildCollector : public TavExtractableVisitor {
+ public:
+  std::vector<TavExtractableI*> children;
+  void visitChild(TavExtractableI*, TavExtractableI* child) override {
+    if (child) children.push_back(child);
+  }
+};
+}  // namespace
+
+TavExtractableI* TavEnvI::cloneInto(TavExtractableI* root, TavEnvI* target) {
+  // Post-order walk with an explicit stack: children are cloned before their
+  // parents, and deep chains do not exhaust the call stack.
+  struct Frame {
+    TavExtractableI* obj;
+    bool expanded;
+  };
+  std::vector<Frame> stack{{root, false}};
+  while (!stack.empty()) {
+    Frame f = stack.back();
+    stack.pop_back();
+    if (getClone(f.obj)) continue;
+    if (!f.expanded) {
+      stack.push_back({f.obj, true});
+      ChildCollector c;
+      f.obj->visitSubExtractables(&c);
+      for (auto it = c.children.rbegin(); it != c.children.rend(); ++it)
+        if (!getClone(*it)) stack.push_back({*it, false});
+      continue;
+    }
+    TavExtractableI* clone = f.obj->makeClone(target);
+    setClone(f.obj, clone);
+    if (target != this) target->setClone(f.obj, clone);
+  }
+  return getClone(root);
+}
+
+void TavEnvI::destroy(TavExtractableI* obj, long) {
+  if (_ending || obj == nullptr) return;
+  if (_destroying) {
+    // Destroying a parent releases its operands; queue them so that a long
+    // chain is freed by this loop rather than by nested destructor calls.
+    _pending.push_back(obj);
+    return;
+  }
+  _destroying = true;
+  try {
+    destroyNow(obj);
+    while (!_pending.empty()) {
+      TavExtractableI* next = _pending.back();
+      _pending.pop_back();
+      destroyNow(next);
+    }
+  } catch (...) {
+    _destroying = false;
+    throw;
+  }
+  _destroying = false;
+}
+
+void TavEnvI::destroyNow(TavExtractableI* obj) { delete obj; }
+
+void TavEnvI::removeFromAllAndDestroy(TavExtractableI* obj, long) {
+  if (_ending || obj == nullptr) return;
+  TavInt id = obj->getId();
+  if (id >= 0) {
+    _idTable[id] = -1;
+    // Tell every other object; index-based since atRemove may destroy nodes.
+    for (std::size_t i = 0; i < _objects.size(); ++i) {
+      TavExtractableI* other = _objects[i];
+      if (other && other != obj) other->atRemove(obj, nullptr);
+    }
+    _idTable[id] = id;
+  }
+  destroy(obj, 0);
+}
+
+void TavEnvI::change(const TavChange& c) const {
+  // Copy: an algorithm may unregister itself while being told.
+  std::vector<TavAlgorithmI*> algs(_algorithms);
+  for (TavAlgorithmI* a : algs) a->notifyChange(c);
+}
+
+TavVarDomainI* TavEnvI::getOrMakeSharedDomain(double lb, double ub) {
+  auto key = std::make_pair(lb, ub);
+  auto it = _sharedNum.find(key);
+  if (it != _sharedNum.end()) return it->second;
+  TavVarDomainI* d = new (this) TavNumVarDomainI(lb, ub);
+  d->setShared();
+  try {
+    _sharedNum.emplace(key, d);
+  } catch (...) {
+    delete d;
+    throw;
+  }
+  return d;
+}
+
+TavVarDomainI* TavEnvI::getOrMakeSharedDomain(TavInt lb, TavInt ub) {
+  auto key = std::make_pair(lb, ub);
+  auto it = _sharedInt.find(key);
+  if (it != _sharedInt.end()) return it->second;
+  TavVarDomainI* d = new (this) TavIntVarDomainI(lb, ub, 0);
+  d->setShared();
+  try {
+    _sharedInt.emplace(key, d);
+  } catch (...) {
+    delete d;
+    throw;
+  }
+  return d;
+}
+
+TavVarDomainI* TavEnvI::getOrMakeSharedDomain(const TavNumRangeI* range) {
+  return getOrMakeSharedDomain(range->getLB(), range->getUB());
+}
+
+TavVarDomainI* TavEnvI::getOrMakeSharedDomain(const TavIntRangeI* range) {
+  return getOrMakeSharedDomain(range->getLB(), range->getUB());
+}
+
+TavModelEvaluator* TavEnvI::getModelEvaluator() {
+  if (!_evaluator) _evaluator.reset(new TavModelEvaluator(this));
+  return _evaluator.get();
+}
+
+TavTupleEncoderI* TavEnvI::getTupleEncoder() {
+  if (!_tuples) _tuples.reset(new TavTupleEncoderI());
+  return _tuples.get();
+}
+
+void TavEnvI::end() {
+  if (_ended) return;
+  _ending = true;
+  // Algorithms made for the environment go with it; others are detached.
+  std::vector<TavAlgorithmI*> algs;
+  algs.swap(_algorithms);
+  for (TavAlgorithmI* a : algs) {
+    a->_registered = false;
+    if (a->_ownedByEnv) delete a;
+  }
+  _evaluator.reset();
+  _tuples.reset();
+  // Every object lives in the environment's memory and holds nothing else,
+  // so releasing the chunks frees them all without running destructors.
+  _objects.clear();
+  _idTable.clear();
+  _freeIds.clear();
+  _pending.clear();
+  _markArrays.clear();
+  _clones.clear();
+  _sharedNum.clear();
+  _sharedInt.clear();
+  _terms.reset();
+  _memory.releaseAll();
+  _liveObjects = 0;
+  _liveTerms = 0;
+  _ended = true;
+}
+
+TavEnv::TavEnv() : _impl(new TavEnvI()) {}
+
+void TavEnv::end() {
+  delete _impl;
+  _impl = nullptr;
+}

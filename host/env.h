@@ -1,0 +1,455 @@
+// The environment layer: TavEnvI (memory, identifiers, flags, clone maps,
+// mark arrays, destruction, change delivery), the model-object root
+// TavExtractableI, the change-record root TavChange, visitors, algorithms and
+// the model evaluator.
+#ifndef TAV_HOST_ENV_H
+#define TAV_HOST_ENV_H
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <ostream>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "base.h"
+#include "memory.h"
+
+class TavEnvI;
+class TavEnv;
+class TavExtractableI;
+class TavExtractableArray;
+class TavNumExprI;
+class TavNumVarI;
+class TavNumVar;
+class TavNumExprArg;
+class TavIntExprArg;
+class TavChange;
+class TavAlgorithmI;
+class TavAlgorithm;
+class TavModelI;
+class TavVarDomainI;
+class TavNumRangeI;
+class TavIntRangeI;
+class TavIntArray;
+class TavModelEvaluator;
+class TavTupleEncoderI;
+
+/// Assigns a class's type index on first request: the test is repeated under
+/// TavEnvI::Mutex, so indices follow the order of first requests.
+void TavAssignTypeIndex(TavInt& index);
+
+/// One cell of a linear sum: variable, next cell, coefficient (24 bytes).
+/// In the non-linear part list of a linear node the first slot holds a node.
+class TavNumLinExprTermI {
+ public:
+  TavNumVarI* getVar() const { return _var; }
+  TavNumLinExprTermI* getNext() const { return _next; }
+  double getCoef() const { return _coef; }
+  void setCoef(double c) { _coef = c; }
+
+  TavNumVarI* _var;
+  TavNumLinExprTermI* _next;
+  double _coef;
+};
+static_assert(sizeof(TavNumLinExprTermI) == 24, "term cells are three words");
+
+/// Receives nodes whose reference count fell to zero instead of destroying them.
+struct TavDeletionInterceptor {
+  virtual ~TavDeletionInterceptor() = default;
+  virtual void takeNode(TavNumExprI* node) = 0;
+};
+
+/// Walks the children of a node (visitSubExtractables).
+class TavExtractableVisitor {
+ public:
+  virtual ~TavExtractableVisitor() = default;
+  virtual void beginVisit(TavExtractableI* parent);
+  virtual void visitChild(TavExtractableI* parent, TavExtractableI* child);
+  /// By default one visitChild per element, in index order.
+  virtual void visitChildren(TavExtractableI* parent, TavExtractableArray children);
+  virtual void endVisit(TavExtractableI* parent);
+};
+
+/// Walks what a change record refers to (visitChange).
+class TavChangeVisitor {
+ public:
+  virtual ~TavChangeVisitor() = default;
+  virtual void visitChild(TavExtractableI* parent, TavExtractableI* child);
+};
+
+/// Base of everything allocated in an environment's memory: placement in an
+/// environment, and deletion that returns the bytes to it.
+class TavMemoryManagerObjectI {
+ public:
+  /// The environment whose memory holds this object.
+  TavEnvI* getEnv() const { return TavMemory::EnvOf(this); }
+  static void* operator new(std::size_t bytes, TavEnvI* env);
+  static void operator delete(void* p, TavEnvI* env);
+  static void operator delete(void* p, std::size_t bytes);
+  static void* operator new(std::size_t) = delete;
+};
+
+/// Root of all model objects: environment, dense identifier, name.
+class TavExtractableI : public TavMemoryManagerObjectI {
+ public:
+  TavExtractableI(TavEnvI* env, const char* name = nullptr);
+  virtual ~TavExtractableI();
+  TavExtractableI(const TavExtractableI&) = delete;
+  TavExtractableI& operator=(const TavExtractableI&) = delete;
+
+  static TavTypeInfo GetBaseTypeInfo();
+  static TavTypeInfo GetTypeInfo() { return reinterpret_cast<TavTypeInfo>(&TavExtractableI::GetBaseTypeInfo); }
+  static TavInt GetTypeIndex();
+  static void InitTypeIndex();
+  static const char* GetRttiTypeName() { return "TavExtractableI"; }
+  static TavInt GetExtractableSize() { return sizeof(TavExtractableI); }
+
+  virtual TavInt getTypeIndex() const { return _rttiIndex; }
+  virtual TavTypeInfo getTypeInfo() const { return GetTypeInfo(); }
+  virtual bool isType(TavTypeInfo t) const { return t == GetTypeInfo(); }
+  virtual const char* getRttiTypeName() const { return GetRttiTypeName(); }
+  virtual TavInt getExtractableSize() const { return sizeof(TavExtractableI); }
+  virtual TavTypeInfo getBaseTypeInfo() const { return GetBaseTypeInfo(); }
+  virtual TavInt getBaseTypeIndex() const { return 0; }
+  virtual TavExtractableI* makeClone(TavEnvI* env) const;
+  virtual void* extractToCP(TavAlgorithm alg) const;
+  virtual void unextractFromCP(TavAlgorithm alg, void* obj) const;
+  virtual void modifyCP(TavAlgorithm alg, void* obj) const;
+  virtual void atRemove(TavExtractableI* removed, void* data);
+  virtual void visitSubExtractables(TavExtractableVisitor* visitor);
+  virtual bool isRefCountedExpr() const { return false; }
+  /// Destroys the object (through removeFromAllAndDestroy when the
+  /// environment asks for it).
+  virtual void end();
+  virtual void expandTo(TavModelI* model, const char* prefix, const char* suffix) const;
+  virtual void display(std::ostream& os) const;
+  virtual void whenAddedToCP(TavAlgorithm alg, void* data) const;
+  virtual void whenRemovedFromCP(TavAlgorithm alg, void* data) const;
+  virtual bool hasNongroundType() const { return false; }
+  virtual bool isDecisionExpr() const { return false; }
+
+  TavEnvI* getEnv() const { return _env; }
+  TavInt getId() const { return _id; }
+  const char* getName() const { return _name; }
+  void setName(const char* name);
+  /// Hands a change record to every algorithm of the environment.
+  void notify(const TavChange& change) const;
+
+  typedef void* (*ExtractHook)(TavAlgorithm, const TavExtractableI*);
+  typedef void (*ObjectHook)(TavAlgorithm, const TavExtractableI*, void*);
+  static TavInt _rttiIndex;
+  static ExtractHook _extractCP;
+  static ObjectHook _unextractCP;
+  static ObjectHook _modifyCP;
+
+ protected:
+  TavEnvI* _env;
+  TavInt _id;
+  char* _name;
+};
+
+/// Root of change records: short-lived values built on the stack.
+class TavChange {
+ public:
+  explicit TavChange(TavExtractableI* changed = nullptr) : _changed(changed) {}
+  virtual ~TavChange() = default;
+
+  static TavTypeInfo GetBaseTypeInfo();
+  static TavTypeInfo GetTypeInfo() { return reinterpret_cast<TavTypeInfo>(&TavChange::GetBaseTypeInfo); }
+  static TavInt GetTypeIndex();
+  static void InitTypeIndex();
+  static const char* GetRttiTypeName() { return "TavChange"; }
+  static TavInt GetExtractableSize() { return sizeof(TavChange); }
+
+  virtual TavInt getTypeIndex() const { return _rttiIndex; }
+  virtual TavTypeInfo getTypeInfo() const { return GetTypeInfo(); }
+  virtual bool isType(TavTypeInfo t) const { return t == GetTypeInfo(); }
+  virtual const char* getRttiTypeName() const { return GetRttiTypeName(); }
+  virtual TavInt getExtractableSize() const { return sizeof(TavChange); }
+  virtual TavTypeInfo getBaseTypeInfo() const { return GetBaseTypeInfo(); }
+  virtual TavInt getBaseTypeIndex() const { return 0; }
+  virtual void visitChange(TavEnvI* env, TavExtractableI* extractable, TavChangeVisitor* visitor) const;
+  virtual void applyToCP(TavAlgorithm alg, void* data) const;
+  virtual bool isApplyingOnArray() const { return false; }
+  virtual TavExtractableArray getChangedExtractableArray() const;
+  virtual TavExtractableI* getChangedExtractable() const { return _changed; }
+
+  typedef void (*ApplyHook)(TavAlgorithm, const TavChange*, void*);
+  static TavInt _rttiIndex;
+  static ApplyHook _applyCP;
+
+ private:
+  TavExtractableI* _changed;
+};
+
+/// An algorithm: the source of variable values, told of every change.
+class TavAlgorithmI {
+ public:
+  /// Registers with the environment; the destructor unregisters.
+  explicit TavAlgorithmI(TavEnvI* env);
+  virtual ~TavAlgorithmI();
+  struct Detached {};
+  /// An algorithm the environment does not deliver changes to.
+  TavAlgorithmI(TavEnvI* env, Detached) : _env(env), _registered(false) {}
+  TavAlgorithmI(const TavAlgorithmI&) = delete;
+  TavAlgorithmI& operator=(const TavAlgorithmI&) = delete;
+  virtual double getValue(const TavNumVarI* var) const = 0;
+  virtual void notifyChange(const TavChange& change) { (void)change; }
+  TavEnvI* getEnv() const { return _env; }
+
+ private:
+  friend class TavEnvI;
+  TavEnvI* _env;
+  bool _registered = true;
+  bool _ownedByEnv = false;
+};
+
+/// Handle over an algorithm.
+class TavAlgorithm {
+ public:
+  TavAlgorithm(TavAlgorithmI* impl = nullptr) : _impl(impl) {}
+  TavAlgorithmI* getImpl() const { return _impl; }
+  TavEnv getEnv() const;
+  /// The variable's value in the algorithm.
+  double getValue(TavNumVar var) const;
+  /// The expression evaluated in the algorithm.
+  double getValue(TavNumExprArg expr) const;
+  /// Deletes an algorithm made on the heap.
+  void end();
+
+  class Exception : public TavException {
+   public:
+    explicit Exception(const char* message = nullptr, long code = 0) : TavException(message, code) {}
+
+   protected:
+    const char* defaultText() const noexcept override { return "TavAlgorithm::Exception"; }
+  };
+  class ExtractFailure : public Exception {
+   public:
+    ExtractFailure() : Exception(nullptr, 0) {}
+
+   protected:
+    const char* defaultText() const noexcept override { return "TavAlgorithm::ExtractFailure"; }
+  };
+  class RemoveFailure : public Exception {
+   public:
+    RemoveFailure() : Exception(nullptr, 0) {}
+
+   protected:
+    const char* defaultText() const noexcept override { return "TavAlgorithm::RemoveFailure"; }
+  };
+  class CannotChangeException : public Exception {
+   public:
+    explicit CannotChangeException(const TavAlgorithmI* alg) : Exception(nullptr, 0), _alg(alg) {}
+    const TavAlgorithmI* getAlgorithm() const { return _alg; }
+
+   protected:
+    const char* defaultText() const noexcept override { return "TavAlgorithm::CannotChangeException"; }
+
+   private:
+    const TavAlgorithmI* _alg;
+  };
+
+ protected:
+  TavAlgorithmI* _impl;
+};
+
+/// Evaluates integer expressions from values set on it, while active.
+class TavModelEvaluator {
+ public:
+  class Unbound : public TavException {
+   public:
+    explicit Unbound(const char* message = "TavModelEvaluator::Unbound: variable without value")
+        : TavException(message, 0) {}
+  };
+  explicit TavModelEvaluator(TavEnvI* env);
+  ~TavModelEvaluator();
+  void setActive(bool active) { _active = active; }
+  bool isActive() const { return _active; }
+  void setValue(TavNumVar var, TavInt value);
+  /// Forgets every value.
+  void clear();
+  /// The value of an integer expression; Unbound when a variable has none.
+  TavInt evaluate(TavIntExprArg expr) const;
+  /// The value set for a variable; Unbound when there is none.
+  TavInt getValue(const TavNumVarI* var) const;
+
+ private:
+  struct Slot {
+    const TavNumVarI* var;
+    TavInt value;
+  };
+  TavEnvI* _env;
+  bool _active = false;
+  std::vector<Slot> _values;  // by variable identifier
+  std::unique_ptr<TavAlgorithmI> _reader;
+};
+
+/// Dense codes for tuples of integers.
+class TavTupleEncoderI {
+ public:
+  /// The code of a tuple, assigning the next one on first sight.
+  TavInt encode(const TavInt* values, TavInt n);
+  TavInt getSize() const { return (TavInt)_codes.size(); }
+
+ private:
+  std::map<std::vector<TavInt>, TavInt> _codes;
+};
+
+/// The environment: owner of every object and every byte of a model.
+class TavEnvI {
+ public:
+  TavEnvI();
+  ~TavEnvI();
+  TavEnvI(const TavEnvI&) = delete;
+  TavEnvI& operator=(const TavEnvI&) = delete;
+
+  // Flags.
+  bool isLibrarySyntaxDisplay() const { return _librarySyntaxDisplay; }
+  void setLibrarySyntaxDisplay(bool v) { _librarySyntaxDisplay = v; }
+  bool isNormalizationSkipped() const { return _normalizationSkipped; }
+  void setNormalizationSkipped(bool v) { _normalizationSkipped = v; }
+  bool isOneByOneRemoval() const { return _oneByOneRemoval; }
+  void setOneByOneRemoval(bool v) { _oneByOneRemoval = v; }
+  bool isRemoveFromAllOnDestroy() const { return _removeFromAllOnDestroy; }
+  void setRemoveFromAllOnDestroy(bool v) { _removeFromAllOnDestroy = v; }
+  bool areMarkArraysAvailable() const { return _markArraysAvailable; }
+  void setMarkArraysAvailable(bool v) { _markArraysAvailable = v; }
+  bool isEnding() const { return _ending; }
+  TavMutex* getMarkLock() const { return _markLock; }
+  void setMarkLock(TavMutex* m) { _markLock = m; }
+  TavDeletionInterceptor* getDeletionInterceptor() const { return _interceptor; }
+  void setDeletionInterceptor(TavDeletionInterceptor* i) { _interceptor = i; }
+  /// Guards type-index assignment across threads; null means no locking.
+  static TavMutex* Mutex;
+
+  // Memory.
+  void* alloc(std::size_t bytes) { return _memory.alloc(bytes); }
+  /// Returns memory from alloc (the size is known to the memory).
+  void free(void* p, std::size_t = 0) { _memory.free(p); }
+  TavMemory& getMemory() { return _memory; }
+  /// A fresh term cell (var, coef) with next = null.
+  TavNumLinExprTermI* newTerm(TavNumVarI* var, double coef) {
+    _memory.chargeAllocation();
+    TavNumLinExprTermI* t = static_cast<TavNumLinExprTermI*>(_terms.allocateBlock(&_memory));
+    t->_var = var;
+    t->_next = nullptr;
+    t->_coef = coef;
+    ++_liveTerms;
+    return t;
+  }
+  void recycleTerm(TavNumLinExprTermI* t) {
+    --_liveTerms;
+    _terms.deallocate(t);
+  }
+  TavInt getLiveTermCount() const { return _liveTerms; }
+  TavInt getLiveObjectCount() const { return _liveObjects; }
+
+  // Identifiers and removal marks.
+  TavInt registerObject(TavExtractableI* obj);
+  void unregisterObject(TavExtractableI* obj);
+  /// One more than the largest identifier in use so far.
+  TavInt getIdCapacity() const { return (TavInt)_objects.size(); }
+  TavExtractableI* getObject(TavInt id) const { return _objects[id]; }
+  TavInt getIdTableEntry(TavInt id) const { return _idTable[id]; }
+  void setIdTableEntry(TavInt id, TavInt v) { _idTable[id] = v; }
+  /// True for an object whose identifier, or its table entry, is all ones.
+  bool isRemoved(const TavExtractableI* obj) const {
+    TavInt id = obj->getId();
+    return id == -1 || _idTable[id] == -1;
+  }
+
+  // Mark arrays: one entry per identifier, stale until written.
+  void** getMarkArray();
+  void releaseMarkArray(void** marks);
+
+  // Clone maps.
+  TavExtractableI* getClone(const TavExtractableI* source) const;
+  void setClone(const TavExtractableI* source, TavExtractableI* clone);
+  /// Ends the current cloning pass.
+  void clearCloneMap() { _clones.clear(); }
+  /// Clones obj and, first, every object below it into target; the pairs are
+  /// recorded in both environments for the rest of the pass.
+  TavExtractableI* cloneInto(TavExtractableI* obj, TavEnvI* target);
+
+  // Destruction.
+  void destroy(TavExtractableI* obj, long = 0);
+  void removeFromAllAndDestroy(TavExtractableI* obj, long = 0);
+  /// Drops one reference held on a node (nothing while the environment ends).
+  void release(TavNumExprI* node);
+
+  // Algorithms and changes.
+  void change(const TavChange& c) const;
+  const std::vector<TavAlgorithmI*>& getAlgorithms() const { return _algorithms; }
+  /// Makes the environment delete alg when it ends.
+  void adoptAlgorithm(TavAlgorithmI* alg) { alg->_ownedByEnv = true; }
+
+  // Domains.
+  TavVarDomainI* getOrMakeSharedDomain(double lb, double ub);
+  TavVarDomainI* getOrMakeSharedDomain(TavInt lb, TavInt ub);
+  TavVarDomainI* getOrMakeSharedDomain(const TavNumRangeI* range);
+  TavVarDomainI* getOrMakeSharedDomain(const TavIntRangeI* range);
+
+  TavModelEvaluator* getModelEvaluator();
+  TavTupleEncoderI* getTupleEncoder();
+
+  /// Frees every object and every byte of the environment.
+  void end();
+
+ private:
+  friend class TavAlgorithmI;
+  void destroyNow(TavExtractableI* obj);
+
+  bool _librarySyntaxDisplay = false;
+  bool _normalizationSkipped = false;
+  bool _oneByOneRemoval = false;
+  bool _removeFromAllOnDestroy = false;
+  bool _markArraysAvailable = true;
+  bool _ending = false;
+  bool _ended = false;
+  bool _destroying = false;
+  TavMutex* _markLock = nullptr;
+  TavDeletionInterceptor* _interceptor = nullptr;
+
+  TavMemory _memory;
+  TavFixedSizeAllocatorI _terms;
+  TavInt _liveTerms = 0;
+  TavInt _liveObjects = 0;
+
+  std::vector<TavExtractableI*> _objects;
+  std::vector<TavInt> _idTable;
+  std::vector<TavInt> _freeIds;
+  std::vector<TavExtractableI*> _pending;
+
+  struct MarkArray {
+    std::vector<void*> data;
+    bool inUse = false;
+  };
+  std::deque<MarkArray> _markArrays;
+
+  std::unordered_map<const TavExtractableI*, TavExtractableI*> _clones;
+  std::vector<TavAlgorithmI*> _algorithms;
+  std::map<std::pair<double, double>, TavVarDomainI*> _sharedNum;
+  std::map<std::pair<TavInt, TavInt>, TavVarDomainI*> _sharedInt;
+  std::unique_ptr<TavModelEvaluator> _evaluator;
+  std::unique_ptr<TavTupleEncoderI> _tuples;
+};
+
+/// Handle over an environment. A default-constructed TavEnv makes a new one.
+class TavEnv {
+ public:
+  TavEnv();
+  TavEnv(TavEnvI* impl) : _impl(impl) {}
+  TavEnvI* getImpl() const { return _impl; }
+  /// Destroys every object of the environment and the environment itself.
+  void end();
+  bool operator==(const TavEnv& o) const { return _impl == o._impl; }
+  bool operator!=(const TavEnv& o) const { return _impl != o._impl; }
+
+ private:
+  TavEnvI* _impl;
+};
+
+#endif
