@@ -1,0 +1,91 @@
+// The arithmetic operators: + - * / % and negation over variables, terms,
+// expressions and numbers. Linear operands fold into one linear node (in
+// place when unshared); only genuinely non-linear combinations make nodes.
+#ifndef TAV_EXPRESSION_OPERATORS_H
+#define TAV_EXPRESSION_OPERATORS_H
+
+#include "variables.h"
+
+// Terms: variable times number.
+TavNumLinExprTerm operator*(const TavNumVar& x, double c);
+TavNumLinExprTerm operator*(double c, const TavNumVar& x);
+TavNumLinExprTerm operator*(const TavNumVar& x, TavInt c);
+TavNumLinExprTerm operator*(TavInt c, const TavNumVar& x);
+TavNumLinExprTerm operator*(const TavNumVar& x, int c);
+TavNumLinExprTerm operator*(int c, const TavNumVar& x);
+TavNumLinExprTerm operator*(const TavIntVar& x, double c);
+TavNumLinExprTerm operator*(double c, const TavIntVar& x);
+TavIntLinExprTerm operator*(const TavIntVar& x, TavInt c);
+TavIntLinExprTerm operator*(TavInt c, const TavIntVar& x);
+TavIntLinExprTerm operator*(const TavIntVar& x, int c);
+TavIntLinExprTerm operator*(int c, const TavIntVar& x);
+
+// Negation.
+TavNumLinExprTerm operator-(TavNumLinExprTerm t);
+TavIntLinExprTerm operator-(TavIntLinExprTerm t);
+TavNumLinExprTerm operator-(const TavNumVar& x);
+TavIntLinExprTerm operator-(const TavIntVar& x);
+TavNumExprArg operator-(const TavNumExprArg& e);
+TavIntExprArg operator-(const TavIntExprArg& e);
+
+// Sums and differences. Each binary form A op B exists for + and -.
+#define TAV_SUM_FORMS(R, A, B) \
+  R operator+(A a, B b);       \
+  R operator-(A a, B b);
+// Numeric.
+TAV_SUM_FORMS(TavNumExprArg, const TavNumExprArg&, const TavNumExprArg&)
+TAV_SUM_FORMS(TavNumExprArg, const TavNumExprArg&, TavNumLinExprTerm)
+TAV_SUM_FORMS(TavNumExprArg, const TavNumExprArg&, TavIntLinExprTerm)
+TAV_SUM_FORMS(TavNumExprArg, TavNumLinExprTerm, const TavNumExprArg&)
+TAV_SUM_FORMS(TavNumExprArg, TavIntLinExprTerm, const TavNumExprArg&)
+TAV_SUM_FORMS(TavNumExprArg, TavNumLinExprTerm, TavNumLinExprTerm)
+TAV_SUM_FORMS(TavNumExprArg, TavIntLinExprTerm, TavNumLinExprTerm)
+TAV_SUM_FORMS(TavNumExprArg, TavNumLinExprTerm, TavIntLinExprTerm)
+TAV_SUM_FORMS(TavNumExprArg, const TavNumExprArg&, double)
+TAV_SUM_FORMS(TavNumExprArg, double, const TavNumExprArg&)
+TAV_SUM_FORMS(TavNumExprArg, TavNumLinExprTerm, double)
+TAV_SUM_FORMS(TavNumExprArg, double, TavNumLinExprTerm)
+TAV_SUM_FORMS(TavNumExprArg, TavIntLinExprTerm, double)
+TAV_SUM_FORMS(TavNumExprArg, double, TavIntLinExprTerm)
+TAV_SUM_FORMS(TavNumExprArg, const TavIntExprArg&, double)
+TAV_SUM_FORMS(TavNumExprArg, double, const TavIntExprArg&)
+// Integer.
+TAV_SUM_FORMS(TavIntExprArg, const TavIntExprArg&, const TavIntExprArg&)
+TAV_SUM_FORMS(TavIntExprArg, const TavIntExprArg&, TavIntLinExprTerm)
+TAV_SUM_FORMS(TavIntExprArg, TavIntLinExprTerm, const TavIntExprArg&)
+TAV_SUM_FORMS(TavIntExprArg, TavIntLinExprTerm, TavIntLinExprTerm)
+TAV_SUM_FORMS(TavIntExprArg, const TavIntExprArg&, TavInt)
+TAV_SUM_FORMS(TavIntExprArg, TavInt, const TavIntExprArg&)
+TAV_SUM_FORMS(TavIntExprArg, const TavIntExprArg&, int)
+TAV_SUM_FORMS(TavIntExprArg, int, const TavIntExprArg&)
+TAV_SUM_FORMS(TavIntExprArg, TavIntLinExprTerm, TavInt)
+TAV_SUM_FORMS(TavIntExprArg, TavInt, TavIntLinExprTerm)
+TAV_SUM_FORMS(TavIntExprArg, TavIntLinExprTerm, int)
+TAV_SUM_FORMS(TavIntExprArg, int, TavIntLinExprTerm)
+#undef TAV_SUM_FORMS
+
+// Products.
+TavNumExprArg operator*(const TavNumExprArg& e, double d);
+TavNumExprArg operator*(double d, const TavNumExprArg& e);
+TavNumExprArg operator*(const TavNumExprArg& a, const TavNumExprArg& b);
+TavNumExprArg operator*(const TavIntExprArg& e, double d);
+TavNumExprArg operator*(double d, const TavIntExprArg& e);
+TavIntExprArg operator*(const TavIntExprArg& e, TavInt k);
+TavIntExprArg operator*(TavInt k, const TavIntExprArg& e);
+TavIntExprArg operator*(const TavIntExprArg& e, int k);
+TavIntExprArg operator*(int k, const TavIntExprArg& e);
+TavIntExprArg operator*(const TavIntExprArg& a, const TavIntExprArg& b);
+
+// Quotients.
+TavNumExprArg operator/(const TavNumExprArg& e, double d);
+TavNumExprArg operator/(double d, const TavNumExprArg& e);
+TavNumExprArg operator/(const TavNumExprArg& a, const TavNumExprArg& b);
+
+// Integer remainders (truncated division: the sign of the dividend).
+TavIntExprArg operator%(const TavIntExprArg& a, const TavIntExprArg& b);
+TavIntExprArg operator%(const TavIntExprArg& e, TavInt k);
+TavIntExprArg operator%(TavInt k, const TavIntExprArg& e);
+TavIntExprArg operator%(const TavIntExprArg& e, int k);
+TavIntExprArg operator%(int k, const TavIntExprArg& e);
+
+#endif

@@ -1,0 +1,33 @@
+// tavexpression: the expression layer of an optimisation modelling library.
+// One include gives every handle, free function, node class and the host.
+//
+// Example:
+//   TavEnv env;
+//   TavNumVar x(env, 0, 10, TavNumVar::Float, "x");
+//   TavIntVar n(env, 0, 5, "n");
+//   TavExpr cost(env);
+//   cost += 2 * x;
+//   cost += 3 * n;
+//   TavSolution sol(env);
+//   sol.setValue(x, 1.5);
+//   sol.setValue(n, 2);
+//   std::cout << cost << " = " << sol.getValue(cost) << "\n";
+//   env.end();
+#ifndef TAVEXPRESSION_H
+#define TAVEXPRESSION_H
+
+#include "array.h"
+#include "base.h"
+#include "domain.h"
+#include "env.h"
+#include "memory.h"
+
+#include "protocol.h"
+#include "linear.h"
+#include "variables.h"
+#include "arrays.h"
+#include "operators.h"
+#include "arithmetic.h"
+#include "functions.h"
+
+#endif
