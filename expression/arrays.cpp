@@ -83,3 +83,139 @@ void TavNumVarArray::setBounds(TavNumArray lbs, TavNumArray ubs) const {
   }
   if (env) env->change(TavSetNumVarArrayBounds(_impl, lbs.getImpl(), ubs.getImpl()));
 }
+
+// ------------------------------------------------------------------ bulk construction
+
+// Only the numeric family's k = 1 message has a blank before the count.
+const char* const TavNumVarArray::ListMessages[11] = {
+    nullptr, "TavNumVarArray::TavNumVarArray: n != 1", "TavNumVarArray::TavNumVarArray: n !=2",
+    "TavNumVarArray::TavNumVarArray: n !=3", "TavNumVarArray::TavNumVarArray: n !=4",
+    "TavNumVarArray::TavNumVarArray: n !=5", "TavNumVarArray::TavNumVarArray: n !=6",
+    "TavNumVarArray::TavNumVarArray: n !=7", "TavNumVarArray::TavNumVarArray: n !=8",
+    "TavNumVarArray::TavNumVarArray: n !=9", "TavNumVarArray::TavNumVarArray: n !=10"};
+const char* const TavIntVarArray::ListMessages[11] = TAV_LIST_MESSAGES("TavIntVarArray::TavIntVarArray: n !=");
+const char* const TavBoolVarArray::ListMessages[11] = TAV_LIST_MESSAGES("TavBoolVarArray::TavBoolVarArray: n !=");
+
+namespace {
+TavEnvI* need(TavEnv env) {
+  if (env.getImpl() == nullptr) throw TavEmptyHandleException();
+  return env.getImpl();
+}
+
+template <class... A>
+void needAll(const A&... arrays) {
+  if (((arrays.getImpl() == nullptr) || ...)) throw TavEmptyHandleException();
+}
+
+/// An array of env filled with make(i) for i in [0, n); everything made so
+/// far is ended if one creation fails.
+template <class Array, class Make>
+TavArrayI* build(TavEnvI* env, TavInt n, Make make) {
+  Array a(TavEnv(env), 0);
+  try {
+    for (TavInt i = 0; i < n; ++i) a.addObject(make(i));
+  } catch (...) {
+    a.endElements();
+    a.end();
+    throw;
+  }
+  return a.getImpl();
+}
+
+/// Per column: null for an empty one, else make(column, i).
+template <class Array, class Make>
+TavArrayI* fromColumns(TavEnvI* env, TavNumColumnArray cols, Make make) {
+  needAll(cols);
+  return build<Array>(env, cols.getSize(), [&](TavInt i) -> TavNumVarI* {
+    TavNumColumn c = cols[i];
+    return c.isEmpty() ? nullptr : make(c, i);
+  });
+}
+}  // namespace
+
+TavNumVarArray::TavNumVarArray(TavEnv env, TavInt n, double lb, double ub, TavNumVar::Type type)
+    : TavHandleArray(build<TavNumVarArray>(need(env), n, [&](TavInt) {
+        return new (env.getImpl()) TavNumVarI(env.getImpl(), type, lb, ub);
+      })) {}
+
+TavNumVarArray::TavNumVarArray(TavEnv env, TavNumArray lbs, TavNumArray ubs, TavNumVar::Type type)
+    : TavHandleArray((needAll(lbs, ubs), build<TavNumVarArray>(need(env), lbs.getSize(), [&](TavInt i) {
+                        return new (env.getImpl()) TavNumVarI(env.getImpl(), type, lbs[i], ubs[i]);
+                      }))) {}
+
+TavNumVarArray::TavNumVarArray(TavEnv env, double lb, TavNumArray ubs, TavNumVar::Type type)
+    : TavHandleArray((needAll(ubs), build<TavNumVarArray>(need(env), ubs.getSize(), [&](TavInt i) {
+                        return new (env.getImpl()) TavNumVarI(env.getImpl(), type, lb, ubs[i]);
+                      }))) {}
+
+TavNumVarArray::TavNumVarArray(TavEnv env, TavNumArray lbs, double ub, TavNumVar::Type type)
+    : TavHandleArray((needAll(lbs), build<TavNumVarArray>(need(env), lbs.getSize(), [&](TavInt i) {
+                        return new (env.getImpl()) TavNumVarI(env.getImpl(), type, lbs[i], ub);
+                      }))) {}
+
+TavNumVarArray::TavNumVarArray(TavEnv env, TavNumColumnArray cols, TavNumVar::Type type)
+    : TavHandleArray(fromColumns<TavNumVarArray>(need(env), cols, [&](TavNumColumn c, TavInt) {
+        return TavNumVar(c, 0.0, TavGetInfinity(), type).getImpl();
+      })) {}
+
+TavNumVarArray::TavNumVarArray(TavEnv env, TavNumColumnArray cols, TavNumArray lbs, TavNumArray ubs,
+                               TavNumVar::Type type)
+    : TavHandleArray((needAll(lbs, ubs), fromColumns<TavNumVarArray>(need(env), cols, [&](TavNumColumn c, TavInt i) {
+                        return TavNumVar(c, lbs[i], ubs[i], type).getImpl();
+                      }))) {}
+
+TavIntVarArray::TavIntVarArray(TavEnv env, TavInt n, TavInt lb, TavInt ub)
+    : TavHandleArray(build<TavIntVarArray>(need(env), n, [&](TavInt) {
+        return new (env.getImpl()) TavNumVarI(env.getImpl(), (double)lb, (double)ub, TavNumVar::Int);
+      })) {}
+
+TavIntVarArray::TavIntVarArray(TavEnv env, TavIntArray lbs, TavIntArray ubs)
+    : TavHandleArray((needAll(lbs, ubs), build<TavIntVarArray>(need(env), lbs.getSize(), [&](TavInt i) {
+                        return new (env.getImpl()) TavNumVarI(env.getImpl(), (double)lbs[i], (double)ubs[i], TavNumVar::Int);
+                      }))) {}
+
+TavIntVarArray::TavIntVarArray(TavEnv env, TavInt lb, TavIntArray ubs)
+    : TavHandleArray((needAll(ubs), build<TavIntVarArray>(need(env), ubs.getSize(), [&](TavInt i) {
+                        return new (env.getImpl()) TavNumVarI(env.getImpl(), (double)lb, (double)ubs[i], TavNumVar::Int);
+                      }))) {}
+
+TavIntVarArray::TavIntVarArray(TavEnv env, TavIntArray lbs, TavInt ub)
+    : TavHandleArray((needAll(lbs), build<TavIntVarArray>(need(env), lbs.getSize(), [&](TavInt i) {
+                        return new (env.getImpl()) TavNumVarI(env.getImpl(), (double)lbs[i], (double)ub, TavNumVar::Int);
+                      }))) {}
+
+TavIntVarArray::TavIntVarArray(TavEnv env, TavNumColumnArray cols)
+    : TavHandleArray(fromColumns<TavIntVarArray>(need(env), cols, [](TavNumColumn c, TavInt) {
+        return TavIntVar(c, 0, TavIntMaxExact).getImpl();
+      })) {}
+
+TavIntVarArray::TavIntVarArray(TavEnv env, TavNumColumnArray cols, TavNumArray lbs, TavNumArray ubs)
+    : TavHandleArray((needAll(lbs, ubs), fromColumns<TavIntVarArray>(need(env), cols, [&](TavNumColumn c, TavInt i) {
+                        return TavIntVar(c, TavTrunc(lbs[i]), TavTrunc(ubs[i])).getImpl();
+                      }))) {}
+
+TavBoolVarArray::TavBoolVarArray(TavEnv env, TavNumColumnArray cols)
+    : TavHandleArray(fromColumns<TavBoolVarArray>(need(env), cols, [](TavNumColumn c, TavInt) {
+        return TavBoolVar(TavNumVar(c, 0.0, 1.0, TavNumVar::Bool)).getImpl();
+      })) {}
+
+TavBoolVarArray::TavBoolVarArray(const TavIntVarArray& a) : TavHandleArray(a.getImpl()) {
+  for (TavInt i = 0; i < getSize(); ++i) {
+    TavNumVarI* v = getElement(i);
+    if (v == nullptr) throw TavWrongUsage("Using empty variable", 0);
+    TavCheckBoolFromNum(v);
+  }
+}
+
+namespace {
+/// The elements again, after every element's type was found integral.
+template <class Out>
+Out integralElements(const TavNumVarArray& a) {
+  for (TavInt i = 0; i < a.getSize(); ++i)
+    if (a[i].getType() == TavNumVar::Float) throw TavBadConversion();
+  return sameElements<Out>(a);
+}
+}  // namespace
+
+TavIntExprArray TavNumVarArray::toIntExprArray() const { return integralElements<TavIntExprArray>(*this); }
+TavIntVarArray TavNumVarArray::toIntVarArray() const { return integralElements<TavIntVarArray>(*this); }

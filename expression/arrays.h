@@ -3,7 +3,23 @@
 #ifndef TAV_EXPRESSION_ARRAYS_H
 #define TAV_EXPRESSION_ARRAYS_H
 
+#include <type_traits>
+
 #include "variables.h"
+
+/// The fixed message of an element-list constructor given k elements:
+/// Texts[k] is Prefix followed by k (written out, not formatted).
+#define TAV_LIST_MESSAGES(Prefix)                                                                  \
+  {                                                                                                \
+    nullptr, Prefix "1", Prefix "2", Prefix "3", Prefix "4", Prefix "5", Prefix "6", Prefix "7",   \
+        Prefix "8", Prefix "9", Prefix "10"                                                        \
+  }
+
+/// Whether every E is an element handle H (1 to 10 of them).
+template <class H, class... E>
+constexpr bool TavIsElementList() {
+  return sizeof...(E) >= 1 && sizeof...(E) <= 10 && (std::is_convertible<const E&, H>::value && ...);
+}
 
 /// An extractable array whose elements read back as handles H over I.
 template <class H, class I>
@@ -16,6 +32,18 @@ class TavHandleArray : public TavExtractableArray {
   I* getElement(TavInt i) const { return static_cast<I*>(_impl->at(i).obj); }
   void add(const H& h) { addObject(h.getImpl()); }
   void add(const TavHandleArray& other) { TavExtractableArray::add(other); }
+
+ protected:
+  /// An array of env holding e1 ... ek when n == k; else TavWrongUsage with
+  /// the family's message for k.
+  template <class... E>
+  static TavArrayI* FromList(const char* const* messages, TavEnv env, TavInt n, const E&... es) {
+    constexpr TavInt k = (TavInt)sizeof...(E);
+    if (n != k) throw TavWrongUsage(messages[k], 0);
+    TavHandleArray a(env, 0);
+    (a.addObject(H(es).getImpl()), ...);
+    return a.getImpl();
+  }
 };
 
 class TavNumExprArray : public TavHandleArray<TavNumExprArg, TavNumExprI> {
@@ -41,18 +69,49 @@ class TavIntExprArray : public TavHandleArray<TavIntExprArg, TavIntExprI> {
   TavIntExprArray getClone(TavEnvI* env) const;
 };
 
+class TavIntVarArray;
+
+/// Variables created in bulk get no name and follow rule B (type first).
 class TavNumVarArray : public TavHandleArray<TavNumVar, TavNumVarI> {
  public:
   using TavHandleArray::TavHandleArray;
+  static const char* const ListMessages[11];
+  /// n new variables with bounds (lb, ub); n <= 0 gives an empty array.
+  TavNumVarArray(TavEnv env, TavInt n, double lb, double ub, TavNumVar::Type type = TavNumVar::Float);
+  TavNumVarArray(TavEnv env, TavNumArray lbs, TavNumArray ubs, TavNumVar::Type type = TavNumVar::Float);
+  TavNumVarArray(TavEnv env, double lb, TavNumArray ubs, TavNumVar::Type type = TavNumVar::Float);
+  TavNumVarArray(TavEnv env, TavNumArray lbs, double ub, TavNumVar::Type type = TavNumVar::Float);
+  /// One variable per column, installed into it; null for an empty column.
+  TavNumVarArray(TavEnv env, TavNumColumnArray cols, TavNumVar::Type type = TavNumVar::Float);
+  TavNumVarArray(TavEnv env, TavNumColumnArray cols, TavNumArray lbs, TavNumArray ubs,
+                 TavNumVar::Type type = TavNumVar::Float);
+  /// The listed variables, when n equals their count.
+  template <class... E, class = std::enable_if_t<TavIsElementList<TavNumVar, E...>()>>
+  TavNumVarArray(TavEnv env, TavInt n, const E&... es) : TavHandleArray(FromList(ListMessages, env, n, es...)) {}
+
   /// New bounds for every variable, announced by one array record.
   void setBounds(TavNumArray lbs, TavNumArray ubs) const;
   TavNumExprArray toNumExprArray() const;
+  /// TavBadConversion if any element is continuous.
+  TavIntExprArray toIntExprArray() const;
+  TavIntVarArray toIntVarArray() const;
   TavNumVarArray getClone(TavEnvI* env) const;
 };
 
+/// Integer variables created in bulk follow rule A with type Int.
 class TavIntVarArray : public TavHandleArray<TavIntVar, TavNumVarI> {
  public:
   using TavHandleArray::TavHandleArray;
+  static const char* const ListMessages[11];
+  TavIntVarArray(TavEnv env, TavInt n, TavInt lb, TavInt ub);
+  TavIntVarArray(TavEnv env, TavIntArray lbs, TavIntArray ubs);
+  TavIntVarArray(TavEnv env, TavInt lb, TavIntArray ubs);
+  TavIntVarArray(TavEnv env, TavIntArray lbs, TavInt ub);
+  TavIntVarArray(TavEnv env, TavNumColumnArray cols);
+  TavIntVarArray(TavEnv env, TavNumColumnArray cols, TavNumArray lbs, TavNumArray ubs);
+  template <class... E, class = std::enable_if_t<TavIsElementList<TavIntVar, E...>()>>
+  TavIntVarArray(TavEnv env, TavInt n, const E&... es) : TavHandleArray(FromList(ListMessages, env, n, es...)) {}
+
   TavIntExprArray toIntExprArray() const;
   TavNumVarArray toNumVarArray() const;
   TavIntVarArray getClone(TavEnvI* env) const;
@@ -61,7 +120,16 @@ class TavIntVarArray : public TavHandleArray<TavIntVar, TavNumVarI> {
 class TavBoolVarArray : public TavHandleArray<TavBoolVar, TavNumVarI> {
  public:
   using TavHandleArray::TavHandleArray;
+  static const char* const ListMessages[11];
+  /// One 0-1 variable per non-empty column; null for an empty column.
+  TavBoolVarArray(TavEnv env, TavNumColumnArray cols);
+  /// Shares a's storage, then checks that every element may be Boolean.
+  TavBoolVarArray(const TavIntVarArray& a);
+  template <class... E, class = std::enable_if_t<TavIsElementList<TavBoolVar, E...>()>>
+  TavBoolVarArray(TavEnv env, TavInt n, const E&... es) : TavHandleArray(FromList(ListMessages, env, n, es...)) {}
+
   TavBoolVarArray getClone(TavEnvI* env) const;
 };
+
 
 #endif

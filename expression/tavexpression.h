@@ -29,5 +29,6 @@
 #include "operators.h"
 #include "arithmetic.h"
 #include "functions.h"
+#include "sums.h"
 
 #endif
