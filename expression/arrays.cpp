@@ -45,11 +45,7 @@ Out sameElements(const In& a) {
 void TavNumExprArray::lockExprs() const { lockAll(*this); }
 void TavNumExprArray::releaseExprs() const { releaseAll(*this); }
 void TavNumExprArray::endElements() const { endAll(*this); }
-void TavNumExprArray::replaceByClone(TavEnvI* env) {
-  TavNumExprArray out(TavEnv(env), 0);
-  for (TavInt i = 0; i < getSize(); ++i) out.add(TavNumExpr(getElement(i)).getClone(TavEnv(env)));
-  _impl = out.getImpl();
-}
+void TavNumExprArray::replaceByClone(TavEnvI* env) { _impl = clonesOf(*this, env).getImpl(); }
 
 void TavIntExprArray::lockExprs() const { lockAll(*this); }
 void TavIntExprArray::releaseExprs() const { releaseAll(*this); }

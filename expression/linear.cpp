@@ -116,7 +116,7 @@ void TavLinNode<Self, Base, Constant>::appendNode(Self* other) {
 }
 
 template <class Self, class Base, class Constant>
-void TavLinNode<Self, Base, Constant>::clear() {
+void TavLinNode<Self, Base, Constant>::dropAll() {
   TavEnvI* env = this->getEnv();
   TavNumLinPartI* part = _firstPart;
   _firstPart = _lastPart = nullptr;
@@ -134,7 +134,6 @@ void TavLinNode<Self, Base, Constant>::clear() {
     t = next;
   }
   _constant = 0;
-  self()->termsChanged();
 }
 
 template <class Self, class Base, class Constant>

@@ -74,7 +74,7 @@ class TavLinNode : public TavNode<Self, Base> {
  public:
   TavLinNode(TavEnvI* env, Constant constant) : TavNode<Self, Base>(env, nullptr), _constant(constant) {}
   explicit TavLinNode(TavNumLinExprTermI* cell);
-  ~TavLinNode() override { clear(); }
+  ~TavLinNode() override { dropAll(); }
 
   /// Writes one term in the plain form; false (nothing written) for a zero coefficient.
   virtual bool displayTerm(std::ostream& os, TavNumLinExprTermI* term) const;
@@ -102,7 +102,10 @@ class TavLinNode : public TavNode<Self, Base> {
   /// Takes over other's terms, parts and constant, then ends other.
   void appendNode(Self* other);
   /// Drops every part and term; constant 0.
-  void clear();
+  void clear() {
+    dropAll();
+    this->self()->termsChanged();
+  }
   /// Drops the first term of v; no change record.
   void remove(TavNumVarI* v);
   /// Drops the parts and terms of every object of the array.
@@ -124,6 +127,8 @@ class TavLinNode : public TavNode<Self, Base> {
   Self* self() { return static_cast<Self*>(this); }
   const Self* self() const { return static_cast<const Self*>(this); }
   void termsChanged() {}
+  /// clear() without the notice to Self, which the destructor cannot reach.
+  void dropAll();
   void dropPart(TavNumLinPartI* prev, TavNumLinPartI* part);
 
   TavNumLinExprTermI* _first = nullptr;

@@ -1,0 +1,22 @@
+// Special integer nodes: the remainders of a truncated integer division.
+#ifndef TAV_EXPRESSION_FUNCTIONS_H
+#define TAV_EXPRESSION_FUNCTIONS_H
+
+#include "shapes.h"
+
+namespace tav_detail {
+/// Remainder with the sign of the dividend, on truncated values. A zero
+/// divisor is not guarded: the caller keeps divisors away from zero.
+inline double intRemainder(double a, double b) { return (double)(TavTrunc(a) % TavTrunc(b)); }
+}  // namespace tav_detail
+
+// The blanks differ between the three on purpose: readers of printed
+// models match these texts exactly.
+TAV_BINARY_NODE(TavIntModuloI, TavIntExprI, Always, TAV_TEXTS("( ", "% ", ") ", "", " % ", ""),
+                tav_detail::intRemainder(a, b))
+TAV_CST_NODE(TavIntModuloCstI, TavIntExprI, TavInt, Always, false, TAV_TEXTS("( ", "% ", ") ", "", "% ", ""),
+             (double)(TavTrunc(v) % c))
+TAV_CST_NODE(TavIntRecModuloCstI, TavIntExprI, TavInt, Always, true, TAV_TEXTS("(", "% ", ")", "", " % ", ""),
+             (double)(c % TavTrunc(v)))
+
+#endif
