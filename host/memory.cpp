@@ -1,6 +1,8 @@
 // Environment memory: chunks, size classes and the fixed-size free list.
 #include "memory.h"
 
+#include <sys/mman.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -15,9 +17,11 @@ TavMemory::~TavMemory() { releaseAll(); }
 
 void* TavMemory::newChunk(std::size_t bytes, std::size_t slotBytes) {
   std::size_t total = (bytes + TavChunkHeaderSize + TavChunkAlign - 1) & ~(TavChunkAlign - 1);
-  void* raw = std::aligned_alloc(TavChunkAlign, total);
+  std::size_t mapped = 0;
+  void* raw = rawChunk(total, slotBytes, mapped);
   if (raw == nullptr) throw std::bad_alloc();
   TavChunkHeader* h = static_cast<TavChunkHeader*>(raw);
+  h->mapped = mapped;
   h->env = _env;
   h->prev = nullptr;
   h->next = _chunks;
@@ -29,6 +33,46 @@ void* TavMemory::newChunk(std::size_t bytes, std::size_t slotBytes) {
   char* payload = static_cast<char*>(raw) + TavChunkHeaderSize;
   TAV_POISON(payload, total - TavChunkHeaderSize);
   return payload;
+}
+
+void* TavMemory::rawChunk(std::size_t total, std::size_t slotBytes, std::size_t& mapped) {
+#ifndef TAV_ASAN  // the leak checker does not look inside mapped regions
+  // Only chunks that live until the environment ends: large ones are freed one by one.
+  if (slotBytes != 0 && total == TavChunkAlign && _reservedBytes >= RegionThreshold && (_regionNext != _regionEnd || newRegion())) {
+    void* p = _regionNext;
+    _regionNext += TavChunkAlign;
+    mapped = 1;
+    return p;
+  }
+#endif
+  (void)slotBytes;
+  mapped = 0;
+  return std::aligned_alloc(TavChunkAlign, total);
+}
+
+bool TavMemory::newRegion() {
+  // Map twice the size and keep the aligned middle.
+  const std::size_t len = 2 * RegionBytes;
+  void* raw = mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (raw == MAP_FAILED) return false;
+  const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(raw);
+  const std::uintptr_t aligned = (start + RegionBytes - 1) & ~(std::uintptr_t)(RegionBytes - 1);
+  char* region = reinterpret_cast<char*>(aligned);
+  if (aligned > start) munmap(raw, aligned - start);
+  const std::size_t tail = start + len - (aligned + RegionBytes);
+  if (tail) munmap(region + RegionBytes, tail);
+#ifdef MADV_HUGEPAGE
+  madvise(region, RegionBytes, MADV_HUGEPAGE);
+#endif
+  try {
+    _regions.push_back(region);
+  } catch (...) {
+    munmap(region, RegionBytes);
+    return false;
+  }
+  _regionNext = region;
+  _regionEnd = region + RegionBytes;
+  return true;
 }
 
 void* TavMemory::allocSmall(std::size_t cls) {
@@ -93,9 +137,12 @@ void TavMemory::releaseAll() {
   while (_chunks) {
     TavChunkHeader* next = _chunks->next;
     TAV_UNPOISON(_chunks, _chunks->bytes);
-    std::free(_chunks);
+    if (!_chunks->mapped) std::free(_chunks);
     _chunks = next;
   }
+  for (void* region : _regions) munmap(region, RegionBytes);
+  _regions.clear();
+  _regionNext = _regionEnd = nullptr;
   std::memset(_free, 0, sizeof(_free));
   std::memset(_bump, 0, sizeof(_bump));
   std::memset(_bumpEnd, 0, sizeof(_bumpEnd));

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <new>
+#include <vector>
 
 #include "base.h"
 
@@ -38,6 +39,7 @@ struct TavChunkHeader {
   TavChunkHeader* next;
   std::size_t bytes;      // whole chunk, header included
   std::size_t slotBytes;  // size class of a small-object chunk, 0 for a large one
+  std::size_t mapped;     // 1 when carved from a huge-page region, else 0
 };
 
 constexpr std::size_t TavChunkAlign = std::size_t(1) << 16;
@@ -87,6 +89,18 @@ class TavMemory {
 
   void* allocSmall(std::size_t cls);
   void freeLarge(void* p);
+  /// Raw memory for a chunk of total bytes; mapped tells whether it came from a region.
+  void* rawChunk(std::size_t total, std::size_t slotBytes, std::size_t& mapped);
+  bool newRegion();
+
+  // Once an environment is large, its small chunks come from 2 MiB regions
+  // that the system may back with huge pages: models of millions of
+  // objects then need far fewer page faults and address translations.
+  static constexpr std::size_t RegionBytes = std::size_t(1) << 21;
+  static constexpr std::size_t RegionThreshold = std::size_t(4) << 20;
+  std::vector<void*> _regions;
+  char* _regionNext = nullptr;
+  char* _regionEnd = nullptr;
 
   TavEnvI* _env;
   void* _free[Classes];
