@@ -197,8 +197,9 @@ namespace {
 template <class V>
 TavExpr& addVar(TavExpr& e, const V& v, double coef, const char* message, TavNumLinTermI* (TavExpr::*own)()) {
   TavNumVarI* var = static_cast<TavNumVarI*>(need(v.getImpl()));
-  if (need(e.getImpl())->getEnv() != var->getEnv()) throw TavWrongUsage(message, 0);
-  TavNumLinExprTermI* cell = var->getEnv()->newTerm(var, coef);
+  TavEnvI* env = TavVarEnv(var);
+  if (need(e.getImpl())->getEnv() != env) throw TavWrongUsage(message, 0);
+  TavNumLinExprTermI* cell = env->newTerm(var, coef);
   (e.*own)()->append(cell);
   return e;
 }
@@ -223,7 +224,7 @@ namespace {
 TavExpr& addCell(TavExpr& e, TavNumLinExprTermI* cell, bool negate, const char* message,
                  TavNumLinTermI* (TavExpr::*own)()) {
   if (cell == nullptr) throw TavEmptyHandleException();
-  TavEnvI* env = cell->_var->getEnv();
+  TavEnvI* env = TavVarEnv(cell->_var);
   if (need(e.getImpl())->getEnv() != env) {
     env->recycleTerm(cell);
     throw TavWrongUsage(message, 0);

@@ -165,12 +165,13 @@ void TavLinNode<Self, Base, Constant>::remove(TavExtractableArray objects) {
   TavEnvI* env = this->getEnv();
   const TavInt n = objects.getSize();
   // Mark the objects removed in the identifier table for the sweep.
-  std::vector<TavExtractableI*> marked;
+  // Identifiers, not objects: a dropped part may be destroyed by the sweep.
+  std::vector<TavInt> marked;
   marked.reserve((std::size_t)n);
   for (TavInt i = 0; i < n; ++i) {
     TavExtractableI* o = objects.getObject(i);
     if (o == nullptr || env->isRemoved(o)) continue;
-    marked.push_back(o);
+    marked.push_back(o->getId());
     env->setIdTableEntry(o->getId(), -1);
   }
   TavInt left = n;
@@ -201,7 +202,7 @@ void TavLinNode<Self, Base, Constant>::remove(TavExtractableArray objects) {
     }
     t = next;
   }
-  for (TavExtractableI* o : marked) env->setIdTableEntry(o->getId(), o->getId());
+  for (TavInt id : marked) env->setIdTableEntry(id, id);
 }
 
 template <class Self, class Base, class Constant>
@@ -237,6 +238,7 @@ template <class Self, class Base, class Constant>
 double TavLinNode<Self, Base, Constant>::eval(TavAlgorithm alg) const {
   double sum = 0.0;
   for (TavNumLinPartI* p = _firstPart; p; p = p->_next) sum += p->_expr->eval(alg);
+  if (alg.getImpl() && alg.getImpl()->addTermValues(_first, sum)) return (double)_constant + sum;
   // Every variable class evaluates as TavNumVarI does: call it directly.
   for (TavNumLinExprTermI* t = _first; t; t = t->_next) sum += t->_coef * t->_var->TavNumVarI::eval(alg);
   return (double)_constant + sum;
@@ -341,8 +343,13 @@ TavExtractableI* TavLinNode<Self, Base, Constant>::makeClone(TavEnvI* env) const
   try {
     for (TavNumLinPartI* p = _firstPart; p; p = p->_next)
       clone->appendPart(static_cast<TavNumExprI*>(env->getClone(p->_expr)));
-    for (TavNumLinExprTermI* t = _first; t; t = t->_next)
-      clone->append(env->newTerm(static_cast<TavNumVarI*>(env->getClone(t->_var)), t->_coef));
+    for (TavNumLinExprTermI* t = _first; t; t = t->_next) {
+      // The visit skips zero terms, so their variables may have no clone:
+      // such a term adds nothing and is left out of the clone.
+      TavNumVarI* var = static_cast<TavNumVarI*>(env->getClone(t->_var));
+      if (var == nullptr && t->_coef == 0.0) continue;
+      clone->append(env->newTerm(var, t->_coef));
+    }
   } catch (...) {
     delete clone;
     throw;

@@ -41,7 +41,7 @@ struct Operand {
   TavNumExprI* node;
   TavNumLinExprTermI* cell;
   Kind kind;
-  TavEnvI* env() const { return node ? node->getEnv() : cell->_var->getEnv(); }
+  TavEnvI* env() const { return node ? node->getEnv() : TavVarEnv(cell->_var); }
 };
 
 Operand nodeOperand(TavNumExprI* e) { return Operand{need(e), nullptr, kindOf(e)}; }
@@ -80,9 +80,10 @@ TavNumLinExprTermI* cellOf(const Operand& o) {
   return o.cell ? o.cell : o.env()->newTerm(static_cast<TavNumVarI*>(o.node), 1.0);
 }
 
-/// Frees a cell made by cellOf when the sum fails.
+/// Frees an operand's cell when the sum fails: a term handle's cell is the
+/// operator's once given, so it goes too, made or not.
 void dropCell(const Operand& o, TavNumLinExprTermI* c) {
-  if (c && !o.cell) o.env()->recycleTerm(c);
+  if (TavNumLinExprTermI* cell = c ? c : o.cell) o.env()->recycleTerm(cell);
 }
 
 template <class Side>
@@ -92,10 +93,11 @@ typename Side::Lin* sum(Operand a, Operand b) {
   const bool linA = Side::isLin(a.kind), linB = Side::isLin(b.kind);
   // e + e: the right side must not be the node that the left side changes.
   if (linA && linB && a.node == b.node) b.node = b.node->copy();
-  TavNumLinExprTermI* ca = a.kind == Kind::Cell ? cellOf(a) : nullptr;
+  TavNumLinExprTermI* ca = nullptr;
   TavNumLinExprTermI* cb = nullptr;
   Lin* lin = nullptr;
   try {
+    ca = a.kind == Kind::Cell ? cellOf(a) : nullptr;
     cb = b.kind == Kind::Cell ? cellOf(b) : nullptr;
     if (linA) {
       lin = Side::priv(a.node, a.kind);
@@ -140,9 +142,10 @@ typename Side::Lin* sumConstant(Operand e, typename Side::Constant d) {
     lin->setConstant(lin->getConstant() + d);
     return lin;
   }
-  TavNumLinExprTermI* c = e.kind == Kind::Cell ? cellOf(e) : nullptr;
+  TavNumLinExprTermI* c = nullptr;
   Lin* lin;
   try {
+    c = e.kind == Kind::Cell ? cellOf(e) : nullptr;
     lin = new (env) Lin(env, d);
   } catch (...) {
     dropCell(e, c);
@@ -194,7 +197,7 @@ Operand op(TavIntLinExprTerm t) { return cellOperand(t.getImpl()); }
 #define TAV_TERM(R, X, N, CONV)                                                       \
   R operator*(const X& x, N c) {                                                      \
     TavNumVarI* v = static_cast<TavNumVarI*>(need(x.getImpl()));                      \
-    return R(v->getEnv()->newTerm(v, CONV(c)));                                       \
+    return R(TavVarEnv(v)->newTerm(v, CONV(c)));                                      \
   }                                                                                   \
   R operator*(N c, const X& x) { return x * c; }
 TAV_TERM(TavNumLinExprTerm, TavNumVar, double, double)
@@ -365,7 +368,8 @@ TavNumExprArg operator*(const TavNumExprArg& a, const TavNumExprArg& b) {
   double c;
   if (constantOf(x, c)) {
     TavNumExprArg r = numTimes(y, c);
-    dropIfTemporary(x);
+    // c * c: the product may be x itself, changed in place.
+    if (x != y) dropIfTemporary(x);
     return r;
   }
   if (constantOf(y, c)) {

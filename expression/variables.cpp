@@ -504,6 +504,37 @@ double TavSolutionI::getValue(const TavNumVarI* var) const {
   throw TavAlgorithm::Exception("TavSolution: the variable has no value");
 }
 
+bool TavSolutionI::addTermValues(const TavNumLinExprTermI* t, double& sum) const {
+  const Slot* slots = _values.data();
+  const std::size_t n = _values.size();
+  double s = sum;
+  // Large sums touch scattered variables and slots: fetch the variable
+  // FarAhead cells ahead and its slot NearAhead cells ahead, so that the
+  // memory latencies overlap instead of adding up.
+  constexpr int FarAhead = 16, NearAhead = 8;
+  const TavNumLinExprTermI* far = t;
+  const TavNumLinExprTermI* near = t;
+  for (int i = 0; i < FarAhead && far; ++i, far = far->_next) __builtin_prefetch(far->_var);
+  for (int i = 0; i < NearAhead && near; ++i) near = near->_next;
+  for (; t; t = t->_next) {
+    if (far) {
+      __builtin_prefetch(far->_var);
+      far = far->_next;
+    }
+    if (near) {
+      const std::size_t ahead = (std::size_t)near->_var->getId();
+      if (ahead < n) __builtin_prefetch(slots + ahead);
+      near = near->_next;
+    }
+    const TavNumVarI* var = t->_var;
+    const std::size_t id = (std::size_t)var->getId();
+    if (TAV_UNLIKELY(id >= n || slots[id].var != var)) return false;
+    s += t->_coef * slots[id].value;
+  }
+  sum = s;
+  return true;
+}
+
 void TavSolutionI::setValue(const TavNumVarI* var, double v) {
   std::size_t id = (std::size_t)var->getId();
   if (id >= _values.size()) _values.resize(id + 1, Slot{nullptr, 0.0});

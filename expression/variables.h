@@ -208,6 +208,7 @@ class TavSolutionI : public TavAlgorithmI {
  public:
   explicit TavSolutionI(TavEnvI* env) : TavAlgorithmI(env) {}
   double getValue(const TavNumVarI* var) const override;
+  bool addTermValues(const TavNumLinExprTermI* first, double& sum) const override;
   void setValue(const TavNumVarI* var, double v);
 
  private:

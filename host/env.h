@@ -55,6 +55,11 @@ class TavNumLinExprTermI {
 };
 static_assert(sizeof(TavNumLinExprTermI) == 24, "term cells are three words");
 
+/// The environment of a variable, read from the header of the memory chunk
+/// that holds it rather than from the variable: building a large sum then
+/// touches the cells only, not one scattered variable object per term.
+inline TavEnvI* TavVarEnv(const TavNumVarI* var) { return TavMemory::EnvOf(var); }
+
 /// Receives nodes whose reference count fell to zero instead of destroying them.
 struct TavDeletionInterceptor {
   virtual ~TavDeletionInterceptor() = default;
@@ -196,6 +201,16 @@ class TavAlgorithmI {
   TavAlgorithmI(const TavAlgorithmI&) = delete;
   TavAlgorithmI& operator=(const TavAlgorithmI&) = delete;
   virtual double getValue(const TavNumVarI* var) const = 0;
+  /// Adds coefficient times value of every cell from first on to sum, in
+  /// list order, and returns true; returns false with sum unchanged when it
+  /// cannot give every value at once (the caller then asks term by term).
+  /// An algorithm with values in an array overrides it: one call per sum
+  /// instead of one per term.
+  virtual bool addTermValues(const TavNumLinExprTermI* first, double& sum) const {
+    (void)first;
+    (void)sum;
+    return false;
+  }
   virtual void notifyChange(const TavChange& change) { (void)change; }
   TavEnvI* getEnv() const { return _env; }
 
