@@ -1,0 +1,419 @@
+// The free operators: how sums, differences, negations, products and
+// quotients fold into linear nodes or pick their node class, how they treat
+// shared operands, and how they reject operands of two environments.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tavexpression.h"
+
+namespace {
+
+std::string nameOf(const TavNumExprI* n) { return n->getName() ? n->getName() : n->getRttiTypeName(); }
+
+template <class Lin>
+std::string linShape(const Lin* n) {
+  std::ostringstream os;
+  os << n->getRttiTypeName() << "{";
+  for (TavNumLinExprTermI* t = n->getFirstTerm(); t; t = t->_next)
+    os << (t == n->getFirstTerm() ? "" : " ") << t->_var->getName() << ":" << t->_coef;
+  os << "|";
+  for (TavNumLinPartI* p = n->getFirstPart(); p; p = p->_next)
+    os << (p == n->getFirstPart() ? "" : " ") << nameOf(p->_expr);
+  os << "|" << n->getConstant() << "}";
+  return os.str();
+}
+
+template <class Node>
+std::string cstShape(const TavNumExprI* n) {
+  auto* c = static_cast<const Node*>(n);
+  std::ostringstream os;
+  os << n->getRttiTypeName() << "(" << nameOf(c->getExpr()) << "," << c->getConstant() << ")";
+  return os.str();
+}
+
+// A compact picture of a result: terms, parts and constant of a linear node,
+// operand and constant of a constant-factor node, else the class name.
+std::string shape(const TavNumExprArg& e) {
+  const TavNumExprI* n = e.getImpl();
+  if (n == nullptr) return "<empty>";
+  TavTypeInfo t = n->getTypeInfo();
+  if (t == TavNumLinTermI::GetTypeInfo()) return linShape(static_cast<const TavNumLinTermI*>(n));
+  if (t == TavIntLinTermI::GetTypeInfo()) return linShape(static_cast<const TavIntLinTermI*>(n));
+  if (t == TavNumTimesCstI::GetTypeInfo()) return cstShape<TavNumTimesCstI>(n);
+  if (t == TavIntTimesCstI::GetTypeInfo()) return cstShape<TavIntTimesCstI>(n);
+  if (t == TavNumDivCstI::GetTypeInfo()) return cstShape<TavNumDivCstI>(n);
+  return nameOf(n);
+}
+
+// Named variables and two named non-linear nodes: P = x*y, Q = y*x, N = i*j.
+struct Model {
+  TavEnv env;
+  TavNumVar x{env, 0, 10, TavNumVar::Float, "x"};
+  TavNumVar y{env, 0, 10, TavNumVar::Float, "y"};
+  TavIntVar i{env, 0, 10, "i"};
+  TavIntVar j{env, 0, 10, "j"};
+  TavNumExprArg named(TavNumExprArg e, const char* name) {
+    e.getImpl()->setName(name);
+    return e;
+  }
+  TavNumExprArg P() { return named(x * y, "P"); }
+  TavNumExprArg Q() { return named(y * x, "Q"); }
+  TavIntExprArg N() {
+    TavIntExprArg n = i * j;
+    n.getImpl()->setName("N");
+    return n;
+  }
+  ~Model() { env.end(); }
+};
+
+struct Row {
+  const char* label;
+  std::function<TavNumExprArg(Model&)> build;
+  const char* expected;
+};
+
+void checkRows(const std::vector<Row>& rows) {
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.label);
+    Model m;
+    EXPECT_EQ(shape(r.build(m)), r.expected);
+  }
+}
+
+TEST(Operators, SumTableOverOperandKinds) {
+  enum Kind { Var, NumLin, IntLin, Other };
+  const char* kindNames[] = {"variable", "numeric linear", "integer linear", "other node"};
+  // Left operands are built on x, i and P; right ones on y, j and Q.
+  auto make = [](Model& m, int k, bool left) -> TavNumExprArg {
+    switch (k) {
+      case Var: return left ? TavNumExprArg(m.x) : TavNumExprArg(m.y);
+      case NumLin: return left ? 2 * m.x + 1.0 : 3 * m.y + 2.0;
+      case IntLin: return left ? TavIntExprArg(2 * m.i + 1) : TavIntExprArg(3 * m.j + 2);
+      default: return left ? m.P() : m.Q();
+    }
+  };
+  // 'a' or 'b': the unshared numeric linear operand becomes the result.
+  struct Cell {
+    const char* expected;
+    char reuse;
+  };
+  const Cell table[4][4] = {
+      {{"TavNumLinTermI{x:1 y:1||0}", '-'}, {"TavNumLinTermI{x:1 y:3||2}", 'b'},
+       {"TavNumLinTermI{x:1 j:3||2}", '-'}, {"TavNumLinTermI{x:1|Q|0}", '-'}},
+      {{"TavNumLinTermI{x:2 y:1||1}", 'a'}, {"TavNumLinTermI{x:2 y:3||3}", 'a'},
+       {"TavNumLinTermI{x:2 j:3||3}", 'a'}, {"TavNumLinTermI{x:2|Q|1}", 'a'}},
+      {{"TavNumLinTermI{i:2 y:1||1}", '-'}, {"TavNumLinTermI{i:2 y:3||3}", '-'},
+       {"TavNumLinTermI{i:2 j:3||3}", '-'}, {"TavNumLinTermI{i:2|Q|1}", '-'}},
+      {{"TavNumLinTermI{y:1|P|0}", '-'}, {"TavNumLinTermI{y:3|P|2}", 'b'},
+       {"TavNumLinTermI{j:3|P|2}", '-'}, {"TavNumLinTermI{|P Q|0}", '-'}},
+  };
+  for (int ka = 0; ka < 4; ++ka) {
+    for (int kb = 0; kb < 4; ++kb) {
+      SCOPED_TRACE(std::string(kindNames[ka]) + " + " + kindNames[kb]);
+      Model m;
+      TavNumExprArg a = make(m, ka, true), b = make(m, kb, false);
+      TavNumExprArg r = a + b;
+      EXPECT_EQ(shape(r), table[ka][kb].expected);
+      const char reuse = table[ka][kb].reuse;
+      EXPECT_EQ(r.getImpl() == a.getImpl(), reuse == 'a');
+      EXPECT_EQ(r.getImpl() == b.getImpl(), reuse == 'b');
+      EXPECT_EQ(r.getImpl()->getRefCount(), 0);
+    }
+  }
+}
+
+TEST(Operators, TermsNumbersDifferencesAndNegation) {
+  checkRows({
+      {"term + variable", [](Model& m) { return 2 * m.x + m.y; }, "TavNumLinTermI{x:2 y:1||0}"},
+      {"variable + term", [](Model& m) { return m.x + 3 * m.y; }, "TavNumLinTermI{x:1 y:3||0}"},
+      {"term + term", [](Model& m) { return 2 * m.x + 3.5 * m.y; }, "TavNumLinTermI{x:2 y:3.5||0}"},
+      {"term + integer term", [](Model& m) { return 2 * m.x + 2 * m.i; }, "TavNumLinTermI{x:2 i:2||0}"},
+      {"integer term + term", [](Model& m) { return 2 * m.i + 3 * m.y; }, "TavNumLinTermI{i:2 y:3||0}"},
+      {"integer term + expression", [](Model& m) { return 2 * m.i + (3 * m.y + 2.0); },
+       "TavNumLinTermI{i:2 y:3||2}"},
+      {"expression + integer term", [](Model& m) { return (2 * m.x + 1.0) + 3 * m.j; },
+       "TavNumLinTermI{x:2 j:3||1}"},
+      {"node + term", [](Model& m) { return m.P() + 2 * m.x; }, "TavNumLinTermI{x:2|P|0}"},
+      {"term + node", [](Model& m) { return 2 * m.x + m.P(); }, "TavNumLinTermI{x:2|P|0}"},
+      {"term + number", [](Model& m) { return 2 * m.x + 1.5; }, "TavNumLinTermI{x:2||1.5}"},
+      {"number + term", [](Model& m) { return 1.5 + 2 * m.x; }, "TavNumLinTermI{x:2||1.5}"},
+      {"variable + number", [](Model& m) { return m.x + 1.5; }, "TavNumLinTermI{x:1||1.5}"},
+      {"number + variable", [](Model& m) { return 1.5 + m.x; }, "TavNumLinTermI{x:1||1.5}"},
+      {"linear + number", [](Model& m) { return (3 * m.y + 2.0) + 1.5; }, "TavNumLinTermI{y:3||3.5}"},
+      {"integer linear + fraction", [](Model& m) { return TavIntExprArg(2 * m.i + 1) + 2.5; },
+       "TavNumLinTermI{i:2||3.5}"},
+      {"integer term + fraction", [](Model& m) { return 2 * m.i + 0.5; }, "TavNumLinTermI{i:2||0.5}"},
+      {"node + number", [](Model& m) { return m.P() + 1.5; }, "TavNumLinTermI{|P|1.5}"},
+      {"number + node", [](Model& m) { return 1.5 + m.P(); }, "TavNumLinTermI{|P|1.5}"},
+      {"temporary + itself", [](Model& m) {
+         TavNumExprArg t = 2 * m.x + 1.0;
+         return t + t;
+       },
+       "TavNumLinTermI{x:2 x:2||2}"},
+      {"int temporary + itself", [](Model& m) {
+         TavIntExprArg t = 2 * m.i + 1;
+         return t + t;
+       },
+       "TavIntLinTermI{i:2 i:2||2}"},
+      {"int temporary + itself as numbers", [](Model& m) {
+         TavNumExprArg t = TavIntExprArg(2 * m.i + 1);
+         return t + t;
+       },
+       "TavNumLinTermI{i:2 i:2||2}"},
+      {"variable - variable", [](Model& m) { return m.x - m.y; }, "TavNumLinTermI{x:1 y:-1||0}"},
+      {"variable - term", [](Model& m) { return m.x - 2 * m.y; }, "TavNumLinTermI{x:1 y:-2||0}"},
+      {"term - term", [](Model& m) { return 2 * m.x - 3 * m.y; }, "TavNumLinTermI{x:2 y:-3||0}"},
+      {"variable - number", [](Model& m) { return m.x - 1.5; }, "TavNumLinTermI{x:1||-1.5}"},
+      {"number - variable", [](Model& m) { return 1.5 - m.x; }, "TavNumLinTermI{x:-1||1.5}"},
+      {"linear - linear", [](Model& m) { return (2 * m.x + 1.0) - (3 * m.y + 2.0); },
+       "TavNumLinTermI{x:2 y:-3||-1}"},
+      {"number - linear", [](Model& m) { return 2.0 - (3 * m.y + 2.0); }, "TavNumLinTermI{y:-3||0}"},
+      {"linear - node", [](Model& m) { return (2 * m.x + 1.0) - m.P(); },
+       "TavNumLinTermI{x:2|TavNumTimesCstI|1}"},
+      {"-variable", [](Model& m) { return TavNumExprArg(-m.x); }, "TavNumLinTermI{x:-1||0}"},
+      {"-term", [](Model& m) { return TavNumExprArg(-(2 * m.x)); }, "TavNumLinTermI{x:-2||0}"},
+      {"-linear", [](Model& m) { return -(2 * m.x + 1.0); }, "TavNumLinTermI{x:-2||-1}"},
+      {"-node", [](Model& m) { return -m.P(); }, "TavNumTimesCstI(P,-1)"},
+      {"-(x - y) twice negated", [](Model& m) { return -(-(m.x - m.y)); }, "TavNumLinTermI{x:1 y:-1||0}"},
+      {"int variable + variable", [](Model& m) { return m.i + m.j; }, "TavIntLinTermI{i:1 j:1||0}"},
+      {"int term + term", [](Model& m) { return 2 * m.i + 3 * m.j; }, "TavIntLinTermI{i:2 j:3||0}"},
+      {"int linear + integer", [](Model& m) { return (2 * m.i + 1) + (TavInt)3; }, "TavIntLinTermI{i:2||4}"},
+      {"int variable - variable", [](Model& m) { return m.i - m.j; }, "TavIntLinTermI{i:1 j:-1||0}"},
+      {"integer - int term", [](Model& m) { return 5 - 2 * m.i; }, "TavIntLinTermI{i:-2||5}"},
+      {"-int linear", [](Model& m) { return -TavIntExprArg(2 * m.i + 1); }, "TavIntLinTermI{i:-2||-1}"},
+      {"int node + int variable", [](Model& m) { return m.N() + m.i; }, "TavIntLinTermI{i:1|N|0}"},
+      {"int node + int node", [](Model& m) { return m.N() + m.N(); }, "TavIntLinTermI{|N N|0}"},
+  });
+}
+
+TEST(Operators, TermNegationFlipsTheCellInPlace) {
+  Model m;
+  TavNumLinExprTerm t = 2.5 * m.x;
+  TavIntLinExprTerm it = m.i * 3;
+  EXPECT_EQ((-t).getImpl(), t.getImpl());
+  EXPECT_EQ((-it).getImpl(), it.getImpl());
+  EXPECT_EQ(t.getCoef(), -2.5);
+  EXPECT_EQ(it.getCoef(), -3);
+  EXPECT_EQ((-m.i).getCoef(), -1);
+  EXPECT_EQ((-m.x).getCoef(), -1.0);
+}
+
+TEST(Operators, ProductsAndQuotientsByNumbersAndConstants) {
+  checkRows({
+      {"variable * number", [](Model& m) { return TavNumExprArg(m.x) * 2.5; }, "TavNumLinTermI{x:2.5||0}"},
+      {"(x + y) * 0 keeps zero terms", [](Model& m) { return (m.x + m.y) * 0.0; },
+       "TavNumLinTermI{x:0 y:0||0}"},
+      {"linear * number", [](Model& m) { return 3.0 * (2 * m.x + 1.0); }, "TavNumLinTermI{x:6||3}"},
+      {"int linear * fraction", [](Model& m) { return TavIntExprArg(2 * m.i + 1) * 1.5; },
+       "TavNumLinTermI{i:3||1.5}"},
+      {"int linear * integer", [](Model& m) { return TavIntExprArg(2 * m.i + 1) * (TavInt)3; },
+       "TavIntLinTermI{i:6||3}"},
+      {"node * 2 * 3 folds", [](Model& m) { return m.P() * 2.0 * 3.0; }, "TavNumTimesCstI(P,6)"},
+      {"node * 1 still a node", [](Model& m) { return 1.0 * m.P(); }, "TavNumTimesCstI(P,1)"},
+      {"node * 0 still a node", [](Model& m) { return m.P() * 0.0; }, "TavNumTimesCstI(P,0)"},
+      {"int node * 2 * 3 folds", [](Model& m) { return m.N() * 2 * (TavInt)3; }, "TavIntTimesCstI(N,6)"},
+      {"int factor then fraction", [](Model& m) { return m.N() * 2 * 1.5; }, "TavNumTimesCstI(N,3)"},
+      {"node * constant expression", [](Model& m) { return m.P() * TavNumExpr(m.env, 4.0); },
+       "TavNumTimesCstI(P,4)"},
+      {"constant expression * node", [](Model& m) { return TavNumExpr(m.env, 4.0) * m.P(); },
+       "TavNumTimesCstI(P,4)"},
+      {"variable * constant expression", [](Model& m) { return m.x * TavNumExpr(m.env, 4.0); },
+       "TavNumLinTermI{x:4||0}"},
+      {"node * integer constant expression", [](Model& m) { return m.P() * TavNumExprArg(TavIntExpr(m.env, 3)); },
+       "TavNumTimesCstI(P,3)"},
+      {"node * node", [](Model& m) { return m.P() * m.Q(); }, "TavNumTimesI"},
+      {"constant * itself", [](Model& m) {
+         TavNumExprArg c(new (m.env.getImpl()) TavNumLinTermI(m.env.getImpl(), 4.0));
+         return c * c;
+       },
+       "TavNumLinTermI{||16}"},
+      {"int node * int node", [](Model& m) { return m.N() * m.N(); }, "TavIntTimesI"},
+      {"int constant * int node never folds", [](Model& m) { return TavIntExpr(m.env, 3) * m.N(); },
+       "TavIntTimesI"},
+      {"variable / number", [](Model& m) { return TavNumExprArg(m.x) / 4.0; }, "TavNumLinTermI{x:0.25||0}"},
+      {"linear / number", [](Model& m) { return (2 * m.x + 1.0) / 2.0; }, "TavNumLinTermI{x:1||0.5}"},
+      {"node / number", [](Model& m) { return m.P() / 4.0; }, "TavNumDivCstI(P,4)"},
+      {"number / variable", [](Model& m) { return 2.0 / TavNumExprArg(m.x); }, "TavNumRecDivCstI"},
+      {"node / node", [](Model& m) { return m.P() / m.Q(); }, "TavNumDivI"},
+  });
+}
+
+TEST(Operators, FoldingKeepsCountedFactorNode) {
+  Model m;
+  TavNumExpr twice = m.P() * 2.0;
+  TavNumExprArg r = twice * 3.0;
+  // The fold reaches through a shared x*c node without consuming it.
+  EXPECT_EQ(shape(r), "TavNumTimesCstI(P,6)");
+  EXPECT_EQ(shape(twice), "TavNumTimesCstI(P,2)");
+  EXPECT_EQ(twice.getImpl()->getRefCount(), 1);
+  TavIntExpr itwice = m.N() * 2;
+  EXPECT_EQ(shape(itwice * (TavInt)3), "TavIntTimesCstI(N,6)");
+  EXPECT_EQ(shape(itwice), "TavIntTimesCstI(N,2)");
+  EXPECT_EQ(itwice.getImpl()->getRefCount(), 1);
+}
+
+TEST(Operators, SharedOperandsAreNeverChanged) {
+  Model m;
+  TavExpr e(2 * m.x + 1.0);
+  TavNumExpr c(m.env, 4.0);
+  const std::string before = shape(e);
+  std::vector<std::pair<const char*, std::function<TavNumExprArg()>>> uses = {
+      {"e + y", [&] { return e + m.y; }},
+      {"y + e", [&] { return m.y + e; }},
+      {"e + e", [&] { return e + e; }},
+      {"e - y", [&] { return e - m.y; }},
+      {"y - e", [&] { return m.y - e; }},
+      {"e + term", [&] { return e + 3 * m.y; }},
+      {"e + int term", [&] { return e + 3 * m.j; }},
+      {"e + node", [&] { return e + m.P(); }},
+      {"node + e", [&] { return m.P() + e; }},
+      {"e + number", [&] { return e + 1.5; }},
+      {"number - e", [&] { return 1.5 - e; }},
+      {"e * number", [&] { return e * 2.0; }},
+      {"e / number", [&] { return e / 2.0; }},
+      {"-e", [&] { return -e; }},
+      {"e * constant", [&] { return e * c; }},
+      {"constant * node", [&] { return c * m.P(); }},
+  };
+  for (auto& u : uses) {
+    SCOPED_TRACE(u.first);
+    TavNumExprArg r = u.second();
+    EXPECT_NE(r.getImpl(), e.getImpl());
+    EXPECT_EQ(shape(e), before);
+    EXPECT_EQ(e.getImpl()->getRefCount(), 1);
+    EXPECT_EQ(shape(c), "TavNumLinTermI{||4}");
+    EXPECT_EQ(c.getImpl()->getRefCount(), 1);
+  }
+}
+
+TEST(Operators, ChainOverTemporaryStaysLinear) {
+  Model m;
+  TavNumVarArray xs(m.env, 100, 0.0, 1.0);
+  const int n = 100000;
+  const auto start = std::chrono::steady_clock::now();
+  TavNumExprArg e = TavNumExprArg(xs[0]) + 0.0;
+  TavNumExprI* first = e.getImpl();
+  for (int k = 1; k < n; ++k) e = e + xs[k % 100];
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_EQ(e.getImpl(), first);
+  TavInt terms = 0;
+  for (TavNumLinExprTermI* t = static_cast<TavNumLinTermI*>(e.getImpl())->getFirstTerm(); t; t = t->_next) ++terms;
+  EXPECT_EQ(terms, n);
+  EXPECT_LT(seconds, 1.0);
+}
+
+// Two models in two environments; each row mixes them in one operator.
+struct Mixed {
+  TavNumExprArg lin;
+  TavIntExprArg ilin;
+  TavNumLinExprTerm term;
+  TavIntLinExprTerm iterm;
+};
+
+Mixed fresh(Model& m) { return {2 * m.x + 1.0, 2 * m.i + 1, 2 * m.x, 3 * m.i}; }
+
+std::string picture(const Mixed& o) {
+  std::ostringstream os;
+  os << shape(o.lin) << shape(o.ilin) << o.term.getCoef() << "," << o.iterm.getCoef();
+  return os.str();
+}
+
+TEST(Operators, MixingEnvironmentsIsRejectedUntouched) {
+  auto msg = [](const char* r, const char* a, const char* b, const char* op = "+") {
+    return std::string(r) + " operator " + op + " const " + a + " const " + b + ": mixing mismatch Environments";
+  };
+  const char *N = "TavNumExprArg", *I = "TavIntExprArg", *NT = "TavNumLinExprTerm", *IT = "TavIntLinExprTerm";
+  typedef std::function<void(Mixed&, Mixed&)> Call;
+  const std::vector<std::pair<std::string, Call>> rows = {
+      {msg(N, N, N), [](Mixed& a, Mixed& b) { a.lin + b.lin; }},
+      {msg(N, N, N), [](Mixed& a, Mixed& b) { a.lin - b.lin; }},
+      {msg(N, N, NT), [](Mixed& a, Mixed& b) { a.lin + b.term; }},
+      {msg(N, N, NT), [](Mixed& a, Mixed& b) { a.lin - b.term; }},
+      {msg(N, N, IT), [](Mixed& a, Mixed& b) { a.lin + b.iterm; }},
+      {msg(N, N, IT), [](Mixed& a, Mixed& b) { a.lin - b.iterm; }},
+      {msg(N, NT, N), [](Mixed& a, Mixed& b) { a.term + b.lin; }},
+      {msg(N, NT, N), [](Mixed& a, Mixed& b) { a.term - b.lin; }},
+      {msg(N, IT, N), [](Mixed& a, Mixed& b) { a.iterm + b.lin; }},
+      {msg(N, IT, N), [](Mixed& a, Mixed& b) { a.iterm - b.lin; }},
+      {msg(N, NT, NT), [](Mixed& a, Mixed& b) { a.term + b.term; }},
+      {msg(N, NT, NT), [](Mixed& a, Mixed& b) { a.term - b.term; }},
+      {msg(N, IT, NT), [](Mixed& a, Mixed& b) { a.iterm + b.term; }},
+      {msg(N, IT, NT), [](Mixed& a, Mixed& b) { a.iterm - b.term; }},
+      {msg(N, NT, IT), [](Mixed& a, Mixed& b) { a.term + b.iterm; }},
+      {msg(N, NT, IT), [](Mixed& a, Mixed& b) { a.term - b.iterm; }},
+      {msg(I, I, I), [](Mixed& a, Mixed& b) { a.ilin + b.ilin; }},
+      {msg(I, I, I), [](Mixed& a, Mixed& b) { a.ilin - b.ilin; }},
+      {msg(I, I, IT), [](Mixed& a, Mixed& b) { a.ilin + b.iterm; }},
+      {msg(I, I, IT), [](Mixed& a, Mixed& b) { a.ilin - b.iterm; }},
+      {msg(I, IT, I), [](Mixed& a, Mixed& b) { a.iterm + b.ilin; }},
+      {msg(I, IT, I), [](Mixed& a, Mixed& b) { a.iterm - b.ilin; }},
+      {msg(I, IT, IT), [](Mixed& a, Mixed& b) { a.iterm + b.iterm; }},
+      {msg(I, IT, IT), [](Mixed& a, Mixed& b) { a.iterm - b.iterm; }},
+      {msg(N, N, N, "*"), [](Mixed& a, Mixed& b) { a.lin * b.lin; }},
+      {msg(I, I, I, "*"), [](Mixed& a, Mixed& b) { a.ilin * b.ilin; }},
+      {msg(N, N, N, "/"), [](Mixed& a, Mixed& b) { a.lin / b.lin; }},
+      {msg(I, I, I, "%"), [](Mixed& a, Mixed& b) { a.ilin % b.ilin; }},
+      {"TavDiv: mixing mismatch Environments", [](Mixed& a, Mixed& b) { TavDiv(a.ilin, b.ilin); }},
+      {"TavMin: mixing mismatch Environments", [](Mixed& a, Mixed& b) { TavMin(a.lin, b.lin); }},
+      {"TavMin: mixing mismatch Environments", [](Mixed& a, Mixed& b) { TavMin(a.ilin, b.ilin); }},
+      {"TavMax: mixing mismatch Environments", [](Mixed& a, Mixed& b) { TavMax(a.lin, b.lin); }},
+      {"TavMax: mixing mismatch Environments", [](Mixed& a, Mixed& b) { TavMax(a.ilin, b.ilin); }},
+  };
+  Model m1, m2;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.first);
+    Mixed a = fresh(m1), b = fresh(m2);
+    const std::string pa = picture(a), pb = picture(b);
+    TavEnvI *e1 = m1.env.getImpl(), *e2 = m2.env.getImpl();
+    const TavInt objects1 = e1->getLiveObjectCount(), objects2 = e2->getLiveObjectCount();
+    const TavInt terms1 = e1->getLiveTermCount(), terms2 = e2->getLiveTermCount();
+    try {
+      row.second(a, b);
+      ADD_FAILURE() << "no exception";
+    } catch (const TavWrongUsage& e) {
+      EXPECT_STREQ(e.getMessage(), row.first.c_str());
+    }
+    EXPECT_EQ(e1->getLiveObjectCount(), objects1);
+    EXPECT_EQ(e2->getLiveObjectCount(), objects2);
+    EXPECT_EQ(e1->getLiveTermCount(), terms1);
+    EXPECT_EQ(e2->getLiveTermCount(), terms2);
+    EXPECT_EQ(picture(a), pa);
+    EXPECT_EQ(picture(b), pb);
+  }
+}
+
+TEST(Operators, MixedArraysAreRejected) {
+  Model m1, m2;
+  TavNumExprArray nums(m1.env, 0);
+  nums.add(m1.x);
+  nums.add(m2.y);
+  TavIntExprArray ints(m1.env, 0);
+  ints.add(m1.i);
+  ints.add(m2.j);
+  const TavInt live = m1.env.getImpl()->getLiveObjectCount();
+  const std::vector<std::pair<const char*, std::function<void()>>> rows = {
+      {"TavMin: mixing mismatch Environments", [&] { TavMin(nums); }},
+      {"TavMax: mixing mismatch Environments", [&] { TavMax(nums); }},
+      {"TavMin: mixing mismatch Environments", [&] { TavMin(ints); }},
+      {"TavMax: mixing mismatch Environments", [&] { TavMax(ints); }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.first);
+    try {
+      row.second();
+      ADD_FAILURE() << "no exception";
+    } catch (const TavWrongUsage& e) {
+      EXPECT_STREQ(e.getMessage(), row.first);
+    }
+    EXPECT_EQ(m1.env.getImpl()->getLiveObjectCount(), live);
+  }
+  nums.end();
+  ints.end();
+}
+
+}  // namespace
