@@ -236,7 +236,7 @@ TavExpr& addCell(TavExpr& e, TavNumLinExprTermI* cell, bool negate, const char* 
 }
 }  // namespace
 
-TavExpr& TavExpr::operator+=(TavNumLinExprTerm t) {
+TavExpr& TavExpr::addTermChecked(TavNumLinExprTerm t) {
   return addCell(*this, t.getImpl(), false,
                  "TavExpr& TavExpr::operator += const TavNumLinExprTerm term : mixing mismatch Environments", &TavExpr::own);
 }

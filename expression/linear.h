@@ -328,7 +328,8 @@ class TavExpr : public TavNumExpr {
   TavExpr& operator+=(const TavIntVar& v);
   TavExpr& operator-=(const TavNumVar& v);
   TavExpr& operator-=(const TavIntVar& v);
-  TavExpr& operator+=(TavNumLinExprTerm t);
+  /// Inline fast path for an unshared node and a term of its environment.
+  inline TavExpr& operator+=(TavNumLinExprTerm t);
   TavExpr& operator+=(TavIntLinExprTerm t);
   TavExpr& operator-=(TavNumLinExprTerm t);
   TavExpr& operator-=(TavIntLinExprTerm t);
@@ -367,6 +368,7 @@ class TavExpr : public TavNumExpr {
  private:
   /// The node, made private to this handle first (copy on write).
   TavNumLinTermI* own();
+  TavExpr& addTermChecked(TavNumLinExprTerm t);
   void checkEnv(TavEnvI* other, const char* message) const;
 };
 
@@ -434,5 +436,15 @@ class TavIntLinExprTerm {
 };
 
 std::ostream& operator<<(std::ostream& os, const TavNumExprArg& e);
+
+inline TavExpr& TavExpr::operator+=(TavNumLinExprTerm t) {
+  TavNumLinExprTermI* cell = t.getImpl();
+  TavNumLinTermI* lin = static_cast<TavNumLinTermI*>(_impl);
+  if (TAV_LIKELY(cell && lin && lin->getRefCount() == 1 && TavVarEnv(cell->_var) == lin->getEnv())) {
+    lin->append(cell);
+    return *this;
+  }
+  return addTermChecked(t);
+}
 
 #endif

@@ -194,19 +194,7 @@ Operand op(TavIntLinExprTerm t) { return cellOperand(t.getImpl()); }
 
 // ------------------------------------------------------------------ terms
 
-#define TAV_TERM(R, X, N, CONV)                                                       \
-  R operator*(const X& x, N c) {                                                      \
-    TavNumVarI* v = static_cast<TavNumVarI*>(need(x.getImpl()));                      \
-    return R(TavVarEnv(v)->newTerm(v, CONV(c)));                                      \
-  }                                                                                   \
-  R operator*(N c, const X& x) { return x * c; }
-TAV_TERM(TavNumLinExprTerm, TavNumVar, double, double)
-TAV_TERM(TavNumLinExprTerm, TavNumVar, TavInt, double)
-TAV_TERM(TavNumLinExprTerm, TavNumVar, int, double)
-TAV_TERM(TavNumLinExprTerm, TavIntVar, double, double)
-TAV_TERM(TavIntLinExprTerm, TavIntVar, TavInt, double)
-TAV_TERM(TavIntLinExprTerm, TavIntVar, int, double)
-#undef TAV_TERM
+// Terms (variable times number) are inline in the header.
 
 TavNumLinExprTerm operator-(TavNumLinExprTerm t) {
   need(t.getImpl())->_coef = -t.getImpl()->_coef;

@@ -6,19 +6,21 @@
 
 #include "variables.h"
 
-// Terms: variable times number.
-TavNumLinExprTerm operator*(const TavNumVar& x, double c);
-TavNumLinExprTerm operator*(double c, const TavNumVar& x);
-TavNumLinExprTerm operator*(const TavNumVar& x, TavInt c);
-TavNumLinExprTerm operator*(TavInt c, const TavNumVar& x);
-TavNumLinExprTerm operator*(const TavNumVar& x, int c);
-TavNumLinExprTerm operator*(int c, const TavNumVar& x);
-TavNumLinExprTerm operator*(const TavIntVar& x, double c);
-TavNumLinExprTerm operator*(double c, const TavIntVar& x);
-TavIntLinExprTerm operator*(const TavIntVar& x, TavInt c);
-TavIntLinExprTerm operator*(TavInt c, const TavIntVar& x);
-TavIntLinExprTerm operator*(const TavIntVar& x, int c);
-TavIntLinExprTerm operator*(int c, const TavIntVar& x);
+// Terms: variable times number. Inline: this is the model-building path.
+#define TAV_TERM(R, X, N)                                                 \
+  inline R operator*(const X& x, N c) {                                   \
+    TavNumVarI* v = x.getImpl();                                          \
+    if (TAV_UNLIKELY(v == nullptr)) throw TavEmptyHandleException();      \
+    return R(TavVarEnv(v)->newTerm(v, (double)c));                        \
+  }                                                                       \
+  inline R operator*(N c, const X& x) { return x * c; }
+TAV_TERM(TavNumLinExprTerm, TavNumVar, double)
+TAV_TERM(TavNumLinExprTerm, TavNumVar, TavInt)
+TAV_TERM(TavNumLinExprTerm, TavNumVar, int)
+TAV_TERM(TavNumLinExprTerm, TavIntVar, double)
+TAV_TERM(TavIntLinExprTerm, TavIntVar, TavInt)
+TAV_TERM(TavIntLinExprTerm, TavIntVar, int)
+#undef TAV_TERM
 
 // Negation.
 TavNumLinExprTerm operator-(TavNumLinExprTerm t);

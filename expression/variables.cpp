@@ -301,8 +301,6 @@ void TavNumVarI::visitSubExtractables(TavExtractableVisitor* visitor) {
 
 // ------------------------------------------------------------------ TavNumVar
 
-TavNumVar::TavNumVar(TavNumVarI* impl) : TavNumExprArg(impl) {}
-
 TavNumVar::TavNumVar(TavEnv env, double lb, double ub, Type type, const char* name)
     : TavNumExprArg(new (envOf(env)) TavNumVarI(env.getImpl(), lb, ub, type, name)) {}
 
@@ -320,7 +318,6 @@ TavNumVar::TavNumVar(TavNumRange range, const char* name)
 TavNumVar::TavNumVar(TavEnv env, TavNumArray values, Type type, const char* name)
     : TavNumExprArg(new (envOf(env)) TavNumVarI(env.getImpl(), values, type, name)) {}
 
-TavNumVarI* TavNumVar::getImpl() const { return static_cast<TavNumVarI*>(_impl); }
 double TavNumVar::getLB() const { return getImpl()->getLB(); }
 double TavNumVar::getUB() const { return getImpl()->getUB(); }
 void TavNumVar::setLB(double lb) const { getImpl()->setLB(lb); }
@@ -397,8 +394,6 @@ TavNumVarI* checkedBoolFromInt(TavNumVarI* v) {
 
 TavNumVarI* TavCheckBoolFromNum(TavNumVarI* v) { return checkedBoolFromNum(v); }
 
-TavIntVar::TavIntVar(TavNumVarI* impl) : TavIntExprArg(impl) {}
-
 TavIntVar::TavIntVar(TavEnv env, const char* name)
     : TavIntExprArg(new (envOf(env)) TavNumVarI(env.getImpl(), 0.0, (double)TavIntMaxExact, TavNumVar::Int, name)) {}
 
@@ -420,7 +415,6 @@ TavIntVar::TavIntVar(const TavAddNumVar& column, TavIntArray values, const char*
 
 TavIntVar::TavIntVar(const TavNumVar& var) : TavIntExprArg(checkedIntVar(var)) {}
 
-TavNumVarI* TavIntVar::getImpl() const { return static_cast<TavNumVarI*>(_impl); }
 TavInt TavIntVar::getMin() const { return TavTrunc(getImpl()->getLB()); }
 TavInt TavIntVar::getMax() const { return TavTrunc(getImpl()->getUB()); }
 double TavIntVar::getLB() const { return getImpl()->getLB(); }

@@ -158,6 +158,12 @@ class TavNumVarI : public TavNode<TavNumVarI, TavIntExprI> {
   TavVarDomainI* _domain;
 };
 
+// The handle operations on the model-building path, inline.
+inline TavNumVar::TavNumVar(TavNumVarI* impl) : TavNumExprArg(impl) {}
+inline TavNumVarI* TavNumVar::getImpl() const { return static_cast<TavNumVarI*>(_impl); }
+inline TavIntVar::TavIntVar(TavNumVarI* impl) : TavIntExprArg(impl) {}
+inline TavNumVarI* TavIntVar::getImpl() const { return static_cast<TavNumVarI*>(_impl); }
+
 /// New bounds of one variable.
 class TavSetNumVarBounds : public TavChangeNode<TavSetNumVarBounds> {
  public:

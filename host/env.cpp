@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 
 #include "array.h"
 #include "domain.h"
@@ -176,7 +177,20 @@ TavInt TavTupleEncoderI::encode(const TavInt* values, TavInt n) {
 
 // ---------------------------------------------------------------- environment
 
-TavEnvI::TavEnvI() : _memory(this), _terms(sizeof(TavNumLinExprTermI)) {}
+std::atomic<TavEnvI*> TavEnvI::_sole{nullptr};
+
+/// Keeps the list of live environments and, from it, the sole one.
+void TavPublishLiveEnv(TavEnvI* env, bool live) {
+  // Never destroyed: environments may end during static destruction.
+  static std::mutex* lock = new std::mutex;
+  static std::vector<TavEnvI*>* envs = new std::vector<TavEnvI*>;
+  std::lock_guard<std::mutex> guard(*lock);
+  if (live) envs->push_back(env);
+  else envs->erase(std::remove(envs->begin(), envs->end(), env), envs->end());
+  TavEnvI::_sole.store(envs->size() == 1 ? envs->front() : nullptr, std::memory_order_release);
+}
+
+TavEnvI::TavEnvI() : _memory(this), _terms(sizeof(TavNumLinExprTermI)) { TavPublishLiveEnv(this, true); }
 
 TavEnvI::~TavEnvI() { end(); }
 
@@ -373,6 +387,7 @@ TavTupleEncoderI* TavEnvI::getTupleEncoder() {
 void TavEnvI::end() {
   if (_ended) return;
   _ending = true;
+  TavPublishLiveEnv(this, false);
   // Algorithms made for the environment go with it; others are detached.
   std::vector<TavAlgorithmI*> algs;
   algs.swap(_algorithms);

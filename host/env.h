@@ -5,6 +5,7 @@
 #ifndef TAV_HOST_ENV_H
 #define TAV_HOST_ENV_H
 
+#include <atomic>
 #include <deque>
 #include <map>
 #include <memory>
@@ -55,10 +56,8 @@ class TavNumLinExprTermI {
 };
 static_assert(sizeof(TavNumLinExprTermI) == 24, "term cells are three words");
 
-/// The environment of a variable, read from the header of the memory chunk
-/// that holds it rather than from the variable: building a large sum then
-/// touches the cells only, not one scattered variable object per term.
-inline TavEnvI* TavVarEnv(const TavNumVarI* var) { return TavMemory::EnvOf(var); }
+/// The environment of a variable without reading the variable.
+inline TavEnvI* TavVarEnv(const TavNumVarI* var);
 
 /// Receives nodes whose reference count fell to zero instead of destroying them.
 struct TavDeletionInterceptor {
@@ -339,6 +338,8 @@ class TavEnvI {
   void setDeletionInterceptor(TavDeletionInterceptor* i) { _interceptor = i; }
   /// Guards type-index assignment across threads; null means no locking.
   static TavMutex* Mutex;
+  /// The environment when exactly one is live (not ended), else null.
+  static TavEnvI* Sole() { return _sole.load(std::memory_order_acquire); }
 
   // Memory.
   void* alloc(std::size_t bytes) { return _memory.alloc(bytes); }
@@ -426,6 +427,8 @@ class TavEnvI {
   bool _ended = false;
   bool _destroying = false;
   TavMutex* _markLock = nullptr;
+  static std::atomic<TavEnvI*> _sole;
+  friend void TavPublishLiveEnv(TavEnvI*, bool);
   TavDeletionInterceptor* _interceptor = nullptr;
 
   TavMemory _memory;
@@ -451,6 +454,14 @@ class TavEnvI {
   std::unique_ptr<TavModelEvaluator> _evaluator;
   std::unique_ptr<TavTupleEncoderI> _tuples;
 };
+
+/// Most programs have one environment: then no memory is read at all.
+/// Otherwise the header of the variable's memory chunk tells: building a
+/// large sum then touches the cells only, not one scattered variable per term.
+inline TavEnvI* TavVarEnv(const TavNumVarI* var) {
+  TavEnvI* sole = TavEnvI::Sole();
+  return sole ? sole : TavMemory::EnvOf(var);
+}
 
 /// Handle over an environment. A default-constructed TavEnv makes a new one.
 class TavEnv {
