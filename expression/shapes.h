@@ -190,40 +190,36 @@ class TavArrayNode : public TavNode<Self, Base> {
   Array _operands;
 };
 
-/// One row of a constant-operand family.
-#define TAV_CST_NODE(Name, Base, Constant, Integrality, ConstFirst, Texts_, Formula) \
-  class Name final : public TavCstNode<Name, Base, Constant> {                       \
-   public:                                                                           \
-    static constexpr const char* RttiName = #Name;                                   \
-    static constexpr TavIntegrality Integral = TavIntegrality::Integrality;          \
-    static constexpr bool ConstantFirst = ConstFirst;                                \
-    static constexpr TavNodeTexts Texts = Texts_;                                    \
-    using TavCstNode::TavCstNode;                                                    \
-    static double Apply(double v, Constant c) { return Formula; }                    \
-  };
-
-/// One row of a two-operand family.
-#define TAV_BINARY_NODE(Name, Base, Integrality, Texts_, Formula)           \
-  class Name final : public TavBinaryNode<Name, Base> {                     \
+/// What every row states: its name, shape, integrality and texts.
+#define TAV_ROW(Name, Shape, Args, Integrality, ...)                        \
+  class Name final : public Shape<Args> {                                   \
    public:                                                                  \
     static constexpr const char* RttiName = #Name;                          \
     static constexpr TavIntegrality Integral = TavIntegrality::Integrality; \
-    static constexpr TavNodeTexts Texts = Texts_;                           \
-    using TavBinaryNode::TavBinaryNode;                                     \
-    static double Apply(double a, double b) { return Formula; }             \
+    static constexpr TavNodeTexts Texts = __VA_ARGS__;                      \
+    using Shape::Shape;
+
+/// One row of a constant-operand family.
+#define TAV_CST_NODE(Name, Base, Constant, Integrality, ConstFirst, Texts_, Formula)   \
+  TAV_ROW(Name, TavCstNode, Name TAV_COMMA Base TAV_COMMA Constant, Integrality, Texts_) \
+  static constexpr bool ConstantFirst = ConstFirst;                                    \
+  static double Apply(double v, Constant c) { return Formula; }                        \
+  };
+
+/// One row of a two-operand family.
+#define TAV_BINARY_NODE(Name, Base, Integrality, Texts_, Formula)                \
+  TAV_ROW(Name, TavBinaryNode, Name TAV_COMMA Base, Integrality, Texts_)         \
+  static double Apply(double a, double b) { return Formula; }                    \
   };
 
 /// One row of an array family.
-#define TAV_ARRAY_NODE(Name, Base, Array, Integrality, Texts_, Message, Formula) \
-  class Name final : public TavArrayNode<Name, Base, Array> {                    \
-   public:                                                                       \
-    static constexpr const char* RttiName = #Name;                               \
-    static constexpr TavIntegrality Integral = TavIntegrality::Integrality;      \
-    static constexpr TavNodeTexts Texts = Texts_;                                \
-    static constexpr const char* EvalMessage = Message;                          \
-    using TavArrayNode::TavArrayNode;                                            \
-    static bool Better(double v, double m) { return Formula; }                   \
+#define TAV_ARRAY_NODE(Name, Base, Array, Integrality, Texts_, Message, Formula)           \
+  TAV_ROW(Name, TavArrayNode, Name TAV_COMMA Base TAV_COMMA Array, Integrality, Texts_)    \
+  static constexpr const char* EvalMessage = Message;                                      \
+  static bool Better(double v, double m) { return Formula; }                               \
   };
+
+#define TAV_COMMA ,
 
 /// Display texts: library open, middle, close; short open, middle, close.
 #define TAV_TEXTS(lo, lm, lc, so, sm, sc) \

@@ -289,6 +289,7 @@ class TavModelEvaluator {
   TavInt evaluate(TavIntExprArg expr) const;
   /// The value set for a variable; Unbound when there is none.
   TavInt getValue(const TavNumVarI* var) const;
+  TavEnvI* getEnv() const { return _env; }
 
  private:
   struct Slot {
