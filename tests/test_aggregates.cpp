@@ -12,29 +12,9 @@
 #include <vector>
 
 #include "tavexpression.h"
+#include "test_support.h"
 
 namespace {
-
-template <class H>
-std::string show(const H& h) {
-  std::ostringstream os;
-  os << h;
-  return os.str();
-}
-
-/// The message of the E thrown by f, "<none>" for a message-less one, or a
-/// marker telling what went wrong instead.
-template <class E, class F>
-std::string messageOf(F&& f) {
-  try {
-    f();
-  } catch (const E& e) {
-    return e.getMessage() ? e.getMessage() : "<none>";
-  } catch (const std::exception& e) {
-    return std::string("<other: ") + e.what() + ">";
-  }
-  return "<no throw>";
-}
 
 typedef std::vector<std::pair<TavNumVarI*, double>> Terms;
 

@@ -8,34 +8,15 @@
 #include <vector>
 
 #include "tavexpression.h"
+#include "test_support.h"
 
 namespace {
-
-template <class T>
-std::string show(const T& x) {
-  std::ostringstream os;
-  os << x;
-  return os.str();
-}
 
 std::string showDomain(const TavVarDomainI* d) {
   std::ostringstream os;
   d->display(os);
   return os.str();
 }
-
-class NoteChange : public TavChangeNode<NoteChange> {
- public:
-  static constexpr const char* RttiName = "NoteChange";
-  using TavChangeNode::TavChangeNode;
-};
-
-struct RecordingAlg : TavAlgorithmI {
-  using TavAlgorithmI::TavAlgorithmI;
-  double getValue(const TavNumVarI*) const override { return 0.0; }
-  void notifyChange(const TavChange& c) override { seen.push_back(&c); }
-  std::vector<const TavChange*> seen;
-};
 
 }  // namespace
 

@@ -11,21 +11,9 @@
 #include <vector>
 
 #include "tavexpression.h"
+#include "test_support.h"
 
 namespace {
-
-template <class H>
-std::string show(const H& h) {
-  std::ostringstream os;
-  os << h;
-  return os.str();
-}
-
-std::string showNode(const TavExtractableI* n) {
-  std::ostringstream os;
-  n->display(os);
-  return os.str();
-}
 
 // "x:1 y:2" for a term list as it stands.
 std::string termsOf(const TavNumLinExprTermI* t) {

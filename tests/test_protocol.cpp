@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tavexpression.h"
+#include "test_support.h"
 
 namespace {
 
@@ -56,17 +57,6 @@ ProbeNode<Tag>* probe(TavEnv env, double v = 1.0, TavNumExprI* child = nullptr) 
   return new (env.getImpl()) ProbeNode<Tag>(env.getImpl(), v, child);
 }
 
-class ProbeChange : public TavChangeNode<ProbeChange> {
- public:
-  static constexpr const char* RttiName = "ProbeChange";
-  using TavChangeNode::TavChangeNode;
-};
-
-struct ZeroAlg : TavAlgorithmI {
-  using TavAlgorithmI::TavAlgorithmI;
-  double getValue(const TavNumVarI*) const override { return 0.0; }
-};
-
 struct CountingMutex : TavMutex {
   int locks = 0, unlocks = 0;
   void lock() override { ++locks; }
@@ -103,7 +93,7 @@ TEST(TypeIdentity, IsTypeWalksTheBaseChainOnly) {
   TavExpr lin(env, 2.0);
   ProbeNode<1>* p = probe<1>(env);
   TavChange plain;
-  ProbeChange rec;
+  NoteChange rec;
   struct Case {
     const char* what;
     bool got, want;
@@ -119,7 +109,7 @@ TEST(TypeIdentity, IsTypeWalksTheBaseChainOnly) {
       {"variable as linear", x.getImpl()->isType(TavNumLinTermI::GetTypeInfo()), false},
       {"linear as integer", lin.getImpl()->isType(TavIntExprI::GetTypeInfo()), false},
       {"change root", rec.isType(TavChange::GetTypeInfo()), true},
-      {"root change is not derived", plain.isType(ProbeChange::GetTypeInfo()), false},
+      {"root change is not derived", plain.isType(NoteChange::GetTypeInfo()), false},
       {"change vs extractable", rec.isType(TavExtractableI::GetTypeInfo()), false},
   };
   for (const Case& c : cases) {
@@ -139,7 +129,7 @@ TEST(TypeIdentity, IsTypeWalksTheBaseChainOnly) {
   EXPECT_STREQ(TavNumExprI::GetRttiTypeName(), "TavNumExprI");
   EXPECT_STREQ(TavIntExprI::GetRttiTypeName(), "TavIntExprI");
   EXPECT_STREQ(TavIntLinTermI::GetRttiTypeName(), "TavIntLinTermI");
-  EXPECT_STREQ(rec.getRttiTypeName(), "ProbeChange");
+  EXPECT_STREQ(rec.getRttiTypeName(), "NoteChange");
   p->end();
   lin.end();
   env.end();
@@ -154,7 +144,7 @@ int g_hookCalls = 0;
 
 TEST(CpHooks, UnsetHooksFailAndSetHooksAreCalledWithoutBaseFallback) {
   TavEnv env;
-  ZeroAlg alg(env.getImpl());
+  RecordingAlg alg(env.getImpl());
   TavAlgorithm a(&alg);
   ProbeNode<4>* p = probe<4>(env);
   int token = 0;
@@ -214,8 +204,8 @@ TEST(CpHooks, UnsetHooksFailAndSetHooksAreCalledWithoutBaseFallback) {
 
 TEST(CpHooks, ChangeRecordsApplyThroughTheirOwnHook) {
   TavEnv env;
-  ZeroAlg alg(env.getImpl());
-  ProbeChange rec;
+  RecordingAlg alg(env.getImpl());
+  NoteChange rec;
   try {
     rec.applyToCP(TavAlgorithm(&alg), nullptr);
     ADD_FAILURE() << "an unset apply hook must refuse the change";
@@ -228,19 +218,19 @@ TEST(CpHooks, ChangeRecordsApplyThroughTheirOwnHook) {
   EXPECT_THROW(bounds.applyToCP(TavAlgorithm(&alg), nullptr), TavAlgorithm::CannotChangeException);
 
   g_hookCalls = 0;
-  ProbeChange::_applyCP = [](TavAlgorithm, const TavChange* c, void* data) {
+  NoteChange::_applyCP = [](TavAlgorithm, const TavChange* c, void* data) {
     ++g_hookCalls;
     g_hookObject = data;
     g_hookNode = c->getChangedExtractable();
   };
-  ProbeChange onX(x.getImpl());
+  NoteChange onX(x.getImpl());
   int token = 0;
   onX.applyToCP(TavAlgorithm(&alg), &token);
   EXPECT_EQ(g_hookCalls, 1);
   EXPECT_EQ(g_hookObject, &token);
   EXPECT_EQ(g_hookNode, x.getImpl());
   EXPECT_THROW(bounds.applyToCP(TavAlgorithm(&alg), nullptr), TavAlgorithm::CannotChangeException);
-  ProbeChange::_applyCP = nullptr;
+  NoteChange::_applyCP = nullptr;
   env.end();
 }
 

@@ -11,15 +11,9 @@
 #include <vector>
 
 #include "tavexpression.h"
+#include "test_support.h"
 
 namespace {
-
-template <class H>
-std::string show(const H& h) {
-  std::ostringstream os;
-  os << h;
-  return os.str();
-}
 
 std::string inf() { return show(TavGetInfinity()); }
 

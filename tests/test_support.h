@@ -1,0 +1,67 @@
+// Helpers shared by the test files: printing handles and nodes to text, and
+// reading the message of an expected exception.
+#ifndef TAV_TEST_SUPPORT_H
+#define TAV_TEST_SUPPORT_H
+
+#include <exception>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tavexpression.h"
+
+namespace tavtest {
+
+/// What operator<< prints for h.
+template <class H>
+std::string show(const H& h) {
+  std::ostringstream os;
+  os << h;
+  return os.str();
+}
+
+/// What a node's own display prints.
+inline std::string showNode(const TavExtractableI* n) {
+  std::ostringstream os;
+  n->display(os);
+  return os.str();
+}
+
+/// The message of the E thrown by f, "<none>" for a message-less one, or a
+/// marker telling what went wrong instead.
+template <class E, class F>
+std::string messageOf(F&& f) {
+  try {
+    f();
+  } catch (const E& e) {
+    return e.getMessage() ? e.getMessage() : "<none>";
+  } catch (const std::exception& e) {
+    return std::string("<other: ") + e.what() + ">";
+  }
+  return "<no throw>";
+}
+
+/// A change record class of the tests' own.
+class NoteChange : public TavChangeNode<NoteChange> {
+ public:
+  static constexpr const char* RttiName = "NoteChange";
+  using TavChangeNode::TavChangeNode;
+};
+
+/// An algorithm that values every variable at 0 and keeps the records it gets.
+struct RecordingAlg : TavAlgorithmI {
+  using TavAlgorithmI::TavAlgorithmI;
+  double getValue(const TavNumVarI*) const override { return 0.0; }
+  void notifyChange(const TavChange& c) override { seen.push_back(&c); }
+  std::vector<const TavChange*> seen;
+};
+
+}  // namespace tavtest
+
+using tavtest::messageOf;
+using tavtest::NoteChange;
+using tavtest::RecordingAlg;
+using tavtest::show;
+using tavtest::showNode;
+
+#endif
