@@ -28,29 +28,26 @@ void TavNumExprI::release() {
   if (!getEnv()->isEnding()) end();
 }
 
-TavNumLinTermI* TavNumExprI::toNumLinTermI() {
-  TavNumLinTermI* lin = new (getEnv()) TavNumLinTermI(getEnv(), 0.0);
+namespace {
+/// A new linear node of kind Lin holding e as its only part.
+template <class Lin, class E>
+Lin* wrapAsPart(E* e) {
+  Lin* lin = new (e->getEnv()) Lin(e->getEnv(), 0);
   try {
-    lin->append(this);
+    lin->append(e);
   } catch (...) {
     delete lin;
     throw;
   }
   return lin;
 }
+}  // namespace
+
+TavNumLinTermI* TavNumExprI::toNumLinTermI() { return wrapAsPart<TavNumLinTermI>(this); }
 
 TavNumExprI* TavIntExprI::copy() { return intCopy(); }
 
-TavIntLinTermI* TavIntExprI::toIntLinTermI() {
-  TavIntLinTermI* lin = new (getEnv()) TavIntLinTermI(getEnv(), 0);
-  try {
-    lin->append(this);
-  } catch (...) {
-    delete lin;
-    throw;
-  }
-  return lin;
-}
+TavIntLinTermI* TavIntExprI::toIntLinTermI() { return wrapAsPart<TavIntLinTermI>(this); }
 
 // ------------------------------------------------------------------ shared linear body
 
@@ -360,17 +357,9 @@ TavExtractableI* TavLinNode<Self, Base, Constant>::makeClone(TavEnvI* env) const
 template class TavLinNode<TavNumLinTermI, TavNumExprI, double>;
 template class TavLinNode<TavIntLinTermI, TavIntExprI, TavInt>;
 
-// ------------------------------------------------------------------ change records
-
-#define TAV_LIN_RECORD(Record, Node)                                                                    \
-  Record::Record(Node* expr, TavNumVarI* var) : TavChangeNode(expr), _expr(expr), _var(var) {}          \
-  void Record::visitChange(TavEnvI*, TavExtractableI* extractable, TavChangeVisitor* visitor) const { \
-    visitor->visitChild(extractable, _var);                                                            \
-  }
-TAV_LIN_RECORD(TavNumLinTermAddVar, TavNumLinTermI)
-TAV_LIN_RECORD(TavNumLinTermRemoveVar, TavNumLinTermI)
-TAV_LIN_RECORD(TavIntLinTermRemoveVar, TavIntLinTermI)
-#undef TAV_LIN_RECORD
+void TavVisitRecordVar(TavExtractableI* extractable, TavNumVarI* var, TavChangeVisitor* visitor) {
+  visitor->visitChild(extractable, var);
+}
 
 // ------------------------------------------------------------------ numeric linear node
 

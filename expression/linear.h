@@ -138,47 +138,40 @@ class TavLinNode : public TavNode<Self, Base> {
   TavNumLinPartI* _lastPart = nullptr;
 };
 
+/// Hands a record's variable to a change visitor (the variable class is not
+/// complete here).
+void TavVisitRecordVar(TavExtractableI* extractable, TavNumVarI* var, TavChangeVisitor* visitor);
+
+/// A change record naming a linear node and one of its variables; the
+/// variable is the record's sub-extractable.
+template <class Self, class Node>
+class TavLinRecord : public TavChangeNode<Self> {
+ public:
+  TavLinRecord(Node* expr, TavNumVarI* var) : TavChangeNode<Self>(expr), _expr(expr), _var(var) {}
+  Node* getExpr() const { return _expr; }
+  TavNumVarI* getVar() const { return _var; }
+  void visitChange(TavEnvI*, TavExtractableI* extractable, TavChangeVisitor* visitor) const override {
+    TavVisitRecordVar(extractable, _var, visitor);
+  }
+
+ private:
+  Node* _expr;
+  TavNumVarI* _var;
+};
+
+#define TAV_LIN_RECORD(Record, Node)                             \
+  class Record final : public TavLinRecord<Record, Node> {       \
+   public:                                                       \
+    static constexpr const char* RttiName = #Record;             \
+    using TavLinRecord::TavLinRecord;                            \
+  };
 /// Sent when an absent variable gets a non-zero coefficient.
-class TavNumLinTermAddVar : public TavChangeNode<TavNumLinTermAddVar> {
- public:
-  static constexpr const char* RttiName = "TavNumLinTermAddVar";
-  TavNumLinTermAddVar(TavNumLinTermI* expr, TavNumVarI* var);
-  TavNumLinTermI* getExpr() const { return _expr; }
-  TavNumVarI* getVar() const { return _var; }
-  void visitChange(TavEnvI* env, TavExtractableI* extractable, TavChangeVisitor* visitor) const override;
-
- private:
-  TavNumLinTermI* _expr;
-  TavNumVarI* _var;
-};
-
+TAV_LIN_RECORD(TavNumLinTermAddVar, TavNumLinTermI)
 /// Sent when a present variable's coefficient changes or its term is dropped.
-class TavNumLinTermRemoveVar : public TavChangeNode<TavNumLinTermRemoveVar> {
- public:
-  static constexpr const char* RttiName = "TavNumLinTermRemoveVar";
-  TavNumLinTermRemoveVar(TavNumLinTermI* expr, TavNumVarI* var);
-  TavNumLinTermI* getExpr() const { return _expr; }
-  TavNumVarI* getVar() const { return _var; }
-  void visitChange(TavEnvI* env, TavExtractableI* extractable, TavChangeVisitor* visitor) const override;
-
- private:
-  TavNumLinTermI* _expr;
-  TavNumVarI* _var;
-};
-
+TAV_LIN_RECORD(TavNumLinTermRemoveVar, TavNumLinTermI)
 /// Sent when an integer linear node drops a removed variable's term.
-class TavIntLinTermRemoveVar : public TavChangeNode<TavIntLinTermRemoveVar> {
- public:
-  static constexpr const char* RttiName = "TavIntLinTermRemoveVar";
-  TavIntLinTermRemoveVar(TavIntLinTermI* expr, TavNumVarI* var);
-  TavIntLinTermI* getExpr() const { return _expr; }
-  TavNumVarI* getVar() const { return _var; }
-  void visitChange(TavEnvI* env, TavExtractableI* extractable, TavChangeVisitor* visitor) const override;
-
- private:
-  TavIntLinTermI* _expr;
-  TavNumVarI* _var;
-};
+TAV_LIN_RECORD(TavIntLinTermRemoveVar, TavIntLinTermI)
+#undef TAV_LIN_RECORD
 
 /// Constant + Σ coefficient × variable + Σ non-linear parts.
 class TavNumLinTermI : public TavLinNode<TavNumLinTermI, TavNumExprI, double> {
