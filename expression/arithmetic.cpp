@@ -2,6 +2,12 @@
 // runs before anything is allocated, so a throw leaves the model unchanged.
 #include "arithmetic.h"
 
+#include "functions.h"
+
+TAV_PRODUCT_FAMILY(TAV_ROW_STATICS, TAV_ROW_STATICS)
+TAV_MINMAX_FAMILY(TAV_ROW_STATICS, TAV_ROW_STATICS, TAV_ROW_STATICS)
+TAV_MODULO_FAMILY(TAV_ROW_STATICS, TAV_ROW_STATICS)
+
 namespace {
 
 template <class H>

@@ -22,23 +22,32 @@ void endAll(const Array& a) {
 
 /// A new array of env (or of each element's own environment when env is
 /// null) holding every element's registered clone, in order.
-template <class Array>
-Array clonesOf(const Array& a, TavEnvI* env) {
-  Array out(TavEnv(env ? env : a.getImpl()->getEnv()), 0);
-  for (TavInt i = 0; i < a.getSize(); ++i) {
-    TavExtractableI* e = a.getObject(i);
-    TavEnvI* where = env ? env : e->getEnv();
-    out.addObject(where->getClone(e));
+/// A new array of env filled with pick(i) for every index of a; the array
+/// goes again if it cannot be filled.
+template <class Out, class In, class Pick>
+Out filled(TavEnv env, const In& a, Pick pick) {
+  Out out(env, 0);
+  try {
+    for (TavInt i = 0; i < a.getSize(); ++i) out.addObject(pick(i));
+  } catch (...) {
+    out.end();
+    throw;
   }
   return out;
+}
+
+template <class Array>
+Array clonesOf(const Array& a, TavEnvI* env) {
+  return filled<Array>(TavEnv(env ? env : a.getImpl()->getEnv()), a, [&](TavInt i) {
+    TavExtractableI* e = a.getObject(i);
+    return (env ? env : e->getEnv())->getClone(e);
+  });
 }
 
 /// The same elements in an array of another kind.
 template <class Out, class In>
 Out sameElements(const In& a) {
-  Out out(a.getEnv(), 0);
-  for (TavInt i = 0; i < a.getSize(); ++i) out.addObject(a.getObject(i));
-  return out;
+  return filled<Out>(a.getEnv(), a, [&](TavInt i) { return a.getObject(i); });
 }
 }  // namespace
 
@@ -103,13 +112,33 @@ void needAll(const A&... arrays) {
   if (((arrays.getImpl() == nullptr) || ...)) throw TavEmptyHandleException();
 }
 
+/// Bounds are read for every index below n: each bounds array must be at
+/// least that long, checked before anything is made.
+template <class... A>
+void needLength(TavInt n, const char* message, const A&... bounds) {
+  if (((bounds.getSize() < n) || ...)) throw TavWrongUsage(message, 0);
+}
+
+const char* const NumPairMessage = "TavNumVarArray::TavNumVarArray: bounds arrays of different size";
+const char* const NumColumnMessage = "TavNumVarArray::TavNumVarArray: bounds arrays shorter than the column array";
+const char* const IntPairMessage = "TavIntVarArray::TavIntVarArray: bounds arrays of different size";
+const char* const IntColumnMessage = "TavIntVarArray::TavIntVarArray: bounds arrays shorter than the column array";
+
 /// An array of env filled with make(i) for i in [0, n); everything made so
 /// far is ended if one creation fails.
 template <class Array, class Make>
 TavArrayI* build(TavEnvI* env, TavInt n, Make make) {
   Array a(TavEnv(env), 0);
   try {
-    for (TavInt i = 0; i < n; ++i) a.addObject(make(i));
+    for (TavInt i = 0; i < n; ++i) {
+      TavExtractableI* made = make(i);
+      try {
+        a.addObject(made);
+      } catch (...) {
+        if (made) made->end();
+        throw;
+      }
+    }
   } catch (...) {
     a.endElements();
     a.end();
@@ -135,7 +164,8 @@ TavNumVarArray::TavNumVarArray(TavEnv env, TavInt n, double lb, double ub, TavNu
       })) {}
 
 TavNumVarArray::TavNumVarArray(TavEnv env, TavNumArray lbs, TavNumArray ubs, TavNumVar::Type type)
-    : TavHandleArray((needAll(lbs, ubs), build<TavNumVarArray>(need(env), lbs.getSize(), [&](TavInt i) {
+    : TavHandleArray((needAll(lbs, ubs), needLength(lbs.getSize(), NumPairMessage, ubs),
+                      build<TavNumVarArray>(need(env), lbs.getSize(), [&](TavInt i) {
                         return new (env.getImpl()) TavNumVarI(env.getImpl(), type, lbs[i], ubs[i]);
                       }))) {}
 
@@ -156,7 +186,8 @@ TavNumVarArray::TavNumVarArray(TavEnv env, TavNumColumnArray cols, TavNumVar::Ty
 
 TavNumVarArray::TavNumVarArray(TavEnv env, TavNumColumnArray cols, TavNumArray lbs, TavNumArray ubs,
                                TavNumVar::Type type)
-    : TavHandleArray((needAll(lbs, ubs), fromColumns<TavNumVarArray>(need(env), cols, [&](TavNumColumn c, TavInt i) {
+    : TavHandleArray((needAll(cols, lbs, ubs), needLength(cols.getSize(), NumColumnMessage, lbs, ubs),
+                      fromColumns<TavNumVarArray>(need(env), cols, [&](TavNumColumn c, TavInt i) {
                         return TavNumVar(c, lbs[i], ubs[i], type).getImpl();
                       }))) {}
 
@@ -166,7 +197,8 @@ TavIntVarArray::TavIntVarArray(TavEnv env, TavInt n, TavInt lb, TavInt ub)
       })) {}
 
 TavIntVarArray::TavIntVarArray(TavEnv env, TavIntArray lbs, TavIntArray ubs)
-    : TavHandleArray((needAll(lbs, ubs), build<TavIntVarArray>(need(env), lbs.getSize(), [&](TavInt i) {
+    : TavHandleArray((needAll(lbs, ubs), needLength(lbs.getSize(), IntPairMessage, ubs),
+                      build<TavIntVarArray>(need(env), lbs.getSize(), [&](TavInt i) {
                         return new (env.getImpl()) TavNumVarI(env.getImpl(), (double)lbs[i], (double)ubs[i], TavNumVar::Int);
                       }))) {}
 
@@ -186,7 +218,8 @@ TavIntVarArray::TavIntVarArray(TavEnv env, TavNumColumnArray cols)
       })) {}
 
 TavIntVarArray::TavIntVarArray(TavEnv env, TavNumColumnArray cols, TavNumArray lbs, TavNumArray ubs)
-    : TavHandleArray((needAll(lbs, ubs), fromColumns<TavIntVarArray>(need(env), cols, [&](TavNumColumn c, TavInt i) {
+    : TavHandleArray((needAll(cols, lbs, ubs), needLength(cols.getSize(), IntColumnMessage, lbs, ubs),
+                      fromColumns<TavIntVarArray>(need(env), cols, [&](TavNumColumn c, TavInt i) {
                         return TavIntVar(c, TavTrunc(lbs[i]), TavTrunc(ubs[i])).getImpl();
                       }))) {}
 

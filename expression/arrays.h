@@ -28,7 +28,11 @@ class TavHandleArray : public TavExtractableArray {
   TavHandleArray(TavArrayI* impl = nullptr) : TavExtractableArray(impl) {}
   /// n null elements.
   explicit TavHandleArray(TavEnv env, TavInt n = 0) : TavExtractableArray(env, n) {}
-  H operator[](TavInt i) const { return H(static_cast<I*>(_impl->at(i).obj)); }
+  /// Element i; assigning to it stores the new element in the array.
+  TavArrayElement<H> operator[](TavInt i) const {
+    TavArraySlot& s = _impl->at(i);
+    return TavArrayElement<H>(H(static_cast<I*>(s.obj)), s);
+  }
   I* getElement(TavInt i) const { return static_cast<I*>(_impl->at(i).obj); }
   void add(const H& h) { addObject(h.getImpl()); }
   void add(const TavHandleArray& other) { TavExtractableArray::add(other); }

@@ -12,11 +12,13 @@ inline double intRemainder(double a, double b) { return (double)(TavTrunc(a) % T
 
 // The blanks differ between the three on purpose: readers of printed
 // models match these texts exactly.
-TAV_BINARY_NODE(TavIntModuloI, TavIntExprI, Always, TAV_TEXTS("( ", "% ", ") ", "", " % ", ""),
-                tav_detail::intRemainder(a, b))
-TAV_CST_NODE(TavIntModuloCstI, TavIntExprI, TavInt, Always, false, TAV_TEXTS("( ", "% ", ") ", "", "% ", ""),
-             (double)(TavTrunc(v) % c))
-TAV_CST_NODE(TavIntRecModuloCstI, TavIntExprI, TavInt, Always, true, TAV_TEXTS("(", "% ", ")", "", " % ", ""),
-             (double)(c % TavTrunc(v)))
+#define TAV_MODULO_FAMILY(CST, BIN)                                                                   \
+  BIN(TavIntModuloI, TavIntExprI, Always, TAV_TEXTS("( ", "% ", ") ", "", " % ", ""),                  \
+      tav_detail::intRemainder(a, b))                                                                  \
+  CST(TavIntModuloCstI, TavIntExprI, TavInt, Always, false, TAV_TEXTS("( ", "% ", ") ", "", "% ", ""), \
+      (double)(TavTrunc(v) % c))                                                                       \
+  CST(TavIntRecModuloCstI, TavIntExprI, TavInt, Always, true, TAV_TEXTS("(", "% ", ")", "", " % ", ""), \
+      (double)(c % TavTrunc(v)))
+TAV_MODULO_FAMILY(TAV_CST_NODE, TAV_BINARY_NODE)
 
 #endif

@@ -13,12 +13,9 @@ bool isVar(TavNumExprI* e) { return e->isType(TavNumVarI::GetTypeInfo()); }
 bool isNumLin(TavNumExprI* e) { return e->isType(TavNumLinTermI::GetTypeInfo()); }
 bool isIntLin(TavNumExprI* e) { return e->isType(TavIntLinTermI::GetTypeInfo()); }
 
-/// The numeric form of an integer linear node; a temporary source is ended.
-TavNumLinTermI* numFromInt(TavNumExprI* e) {
-  TavNumLinTermI* lin = static_cast<TavIntLinTermI*>(e)->toNumLinTermI();
-  if (e->getRefCount() <= 0) e->end();
-  return lin;
-}
+/// The numeric form of an integer linear node, which is left as it is: a
+/// handle may still read it, so even a temporary waits for env.end().
+TavNumLinTermI* numFromInt(TavNumExprI* e) { return static_cast<TavIntLinTermI*>(e)->toNumLinTermI(); }
 }  // namespace
 
 // ------------------------------------------------------------------ TavNumExprArg
@@ -65,13 +62,9 @@ TavNumExpr::TavNumExpr(TavEnv env, double c) : TavNumExprArg(new (env.getImpl())
   _impl->lockRef();
 }
 
-TavNumExpr::TavNumExpr(TavNumLinExprTerm t) : TavNumExprArg(new (need(t.getImpl()->_var)->getEnv()) TavNumLinTermI(t)) {
-  _impl->lockRef();
-}
+TavNumExpr::TavNumExpr(TavNumLinExprTerm t) : TavNumExprArg(t) { _impl->lockRef(); }
 
-TavNumExpr::TavNumExpr(TavIntLinExprTerm t) : TavNumExprArg(new (need(t.getImpl()->_var)->getEnv()) TavNumLinTermI(t)) {
-  _impl->lockRef();
-}
+TavNumExpr::TavNumExpr(TavIntLinExprTerm t) : TavNumExprArg(t.toNum()) { _impl->lockRef(); }
 
 void TavNumExpr::reassign(TavNumExprI* result) {
   result->lockRef();
@@ -80,7 +73,8 @@ void TavNumExpr::reassign(TavNumExprI* result) {
 
 namespace {
 // e op= x: the handle's reference moves from the old node to the result;
-// the old node is then held by the result or consumed into it.
+// the old node is then held by the result or consumed into it (the operator
+// may end it, so it is not read afterwards).
 template <class Build>
 void compound(TavNumExpr& h, Build build) {
   TavNumExprI* old = need(h.getImpl());
@@ -146,7 +140,8 @@ TavExpr::TavExpr(TavEnv env, double c) : TavNumExpr(env, c) {}
 
 TavExpr::TavExpr(const TavNumExprArg& arg) : TavNumExpr() {
   TavNumExprI* e = need(arg.getImpl());
-  TavNumExprI* node = e->getRefCount() < 1 ? e : e->copy();
+  // An integer node is converted into a new node and left as it is: no copy first.
+  TavNumExprI* node = e->getRefCount() < 1 || isIntLin(e) ? e : e->copy();
   TavNumLinTermI* lin = isIntLin(node) ? numFromInt(node) : node->toNumLinTermI();
   lin->lockRef();
   _impl = lin;
@@ -157,16 +152,24 @@ TavExpr::TavExpr(TavIntLinExprTerm t) : TavNumExpr(t) {}
 
 TavNumLinTermI* TavExpr::getImpl() const { return static_cast<TavNumLinTermI*>(_impl); }
 
-TavNumLinTermI* TavExpr::own() {
+template <class F>
+TavExpr& TavExpr::edit(F f) {
   TavNumLinTermI* lin = static_cast<TavNumLinTermI*>(need(_impl));
-  if (lin->getRefCount() > 1) {
-    TavNumLinTermI* copy = static_cast<TavNumLinTermI*>(lin->copy());
-    lin->unlockRef();
-    copy->lockRef();
-    _impl = copy;
-    return copy;
+  if (lin->getRefCount() <= 1) {
+    f(lin);
+    return *this;
   }
-  return lin;
+  TavNumLinTermI* copy = static_cast<TavNumLinTermI*>(lin->copy());
+  try {
+    f(copy);
+  } catch (...) {
+    copy->end();  // held by nothing yet
+    throw;
+  }
+  lin->unlockRef();
+  copy->lockRef();
+  _impl = copy;
+  return *this;
 }
 
 void TavExpr::checkEnv(TavEnvI* other, const char* message) const {
@@ -174,141 +177,178 @@ void TavExpr::checkEnv(TavEnvI* other, const char* message) const {
 }
 
 TavExpr& TavExpr::operator+=(double d) {
-  TavNumLinTermI* lin = own();
-  lin->setConstant(lin->getConstant() + d);
-  return *this;
+  return edit([d](TavNumLinTermI* lin) { lin->setConstant(lin->getConstant() + d); });
 }
 TavExpr& TavExpr::operator-=(double d) {
-  TavNumLinTermI* lin = own();
-  lin->setConstant(lin->getConstant() - d);
-  return *this;
+  return edit([d](TavNumLinTermI* lin) { lin->setConstant(lin->getConstant() - d); });
 }
 TavExpr& TavExpr::operator*=(double d) {
-  own()->multiply(d);
-  return *this;
+  return edit([d](TavNumLinTermI* lin) { lin->multiply(d); });
 }
 TavExpr& TavExpr::operator/=(double d) {
-  own()->divide(d);
-  return *this;
+  return edit([d](TavNumLinTermI* lin) { lin->divide(d); });
 }
 
 namespace {
 // Appends a cell (v, coef) for a variable handle after the environment check.
 template <class V>
-TavExpr& addVar(TavExpr& e, const V& v, double coef, const char* message, TavNumLinTermI* (TavExpr::*own)()) {
-  TavNumVarI* var = static_cast<TavNumVarI*>(need(v.getImpl()));
-  TavEnvI* env = TavVarEnv(var);
-  if (need(e.getImpl())->getEnv() != env) throw TavWrongUsage(message, 0);
-  TavNumLinExprTermI* cell = env->newTerm(var, coef);
-  (e.*own)()->append(cell);
-  return e;
+TavExpr& addVar(TavExpr& e, const V& v, double coef, const char* message) {
+  TavNumVarI* var = v.getImpl();  // not cast back: the variable may be of an ended environment
+  need(var);
+  // The cell comes from the expression's environment: the variable's only
+  // decides a branch, so the allocation need not wait for the owner look-up.
+  TavEnvI* env = need(e.getImpl())->getEnv();
+  if (TavVarEnv(var) != env) throw TavWrongUsage(message, 0);
+  return e.edit([&](TavNumLinTermI* lin) { lin->append(env->newTerm(var, coef)); });
 }
 }  // namespace
 
 TavExpr& TavExpr::operator+=(const TavNumVar& v) {
-  return addVar(*this, v, 1.0, "TavExpr& TavNumExpr::operator += const TavNumVar arg : mixing mismatch Environments", &TavExpr::own);
+  return addVar(*this, v, 1.0, "TavExpr& TavNumExpr::operator += const TavNumVar arg : mixing mismatch Environments");
 }
 TavExpr& TavExpr::operator+=(const TavIntVar& v) {
-  return addVar(*this, v, 1.0, "TavExpr& TavNumExpr::operator += const TavIntVar arg : mixing mismatch Environments", &TavExpr::own);
+  return addVar(*this, v, 1.0, "TavExpr& TavNumExpr::operator += const TavIntVar arg : mixing mismatch Environments");
 }
 TavExpr& TavExpr::operator-=(const TavNumVar& v) {
-  return addVar(*this, v, -1.0, "TavExpr& TavExpr::operator -= const TavNumVar arg : mixing mismatch Environments", &TavExpr::own);
+  return addVar(*this, v, -1.0, "TavExpr& TavExpr::operator -= const TavNumVar arg : mixing mismatch Environments");
 }
 TavExpr& TavExpr::operator-=(const TavIntVar& v) {
-  return addVar(*this, v, -1.0, "TavExpr& TavExpr::operator -= const TavIntVar arg : mixing mismatch Environments", &TavExpr::own);
+  return addVar(*this, v, -1.0, "TavExpr& TavExpr::operator -= const TavIntVar arg : mixing mismatch Environments");
 }
 
 namespace {
-// Appends a term handle's cell (negated for -=); on a mismatch the cell goes
-// back to its own environment.
-TavExpr& addCell(TavExpr& e, TavNumLinExprTermI* cell, bool negate, const char* message,
-                 TavNumLinTermI* (TavExpr::*own)()) {
-  if (cell == nullptr) throw TavEmptyHandleException();
-  TavEnvI* env = TavVarEnv(cell->_var);
-  if (need(e.getImpl())->getEnv() != env) {
-    env->recycleTerm(cell);
-    throw TavWrongUsage(message, 0);
-  }
-  TavNumLinTermI* lin = (e.*own)();
-  if (negate) cell->_coef = -cell->_coef;
-  lin->append(cell);
-  return e;
+// Appends a term handle's cell (negated for -=). On a failure the cell stays
+// the handle's, so the environment's counters are as they were.
+TavExpr& addCell(TavExpr& e, TavNumLinExprTermI* cell, bool negate, const char* message) {
+  TavEnvI* env = TavVarEnv(TavTakeCell(cell)->_var);
+  if (need(e.getImpl())->getEnv() != env) throw TavWrongUsage(message, 0);
+  return e.edit([&](TavNumLinTermI* lin) {
+    if (negate) cell->_coef = -cell->_coef;
+    lin->append(cell);
+  });
 }
 }  // namespace
 
 TavExpr& TavExpr::addTermChecked(TavNumLinExprTerm t) {
   return addCell(*this, t.getImpl(), false,
-                 "TavExpr& TavExpr::operator += const TavNumLinExprTerm term : mixing mismatch Environments", &TavExpr::own);
+                 "TavExpr& TavExpr::operator += const TavNumLinExprTerm term : mixing mismatch Environments");
 }
 TavExpr& TavExpr::operator+=(TavIntLinExprTerm t) {
   return addCell(*this, t.getImpl(), false,
-                 "TavExpr& TavExpr::operator += const TavIntLinExprTerm arg : mixing mismatch Environments", &TavExpr::own);
+                 "TavExpr& TavExpr::operator += const TavIntLinExprTerm arg : mixing mismatch Environments");
 }
 TavExpr& TavExpr::operator-=(TavNumLinExprTerm t) {
   return addCell(*this, t.getImpl(), true,
-                 "TavExpr& TavExpr::operator -= const TavNumLinExprTerm arg : mixing mismatch Environments", &TavExpr::own);
+                 "TavExpr& TavExpr::operator -= const TavNumLinExprTerm arg : mixing mismatch Environments");
 }
 TavExpr& TavExpr::operator-=(TavIntLinExprTerm t) {
   return addCell(*this, t.getImpl(), true,
-                 "TavExpr& TavExpr::operator -= const TavIntLinExprTerm arg : mixing mismatch Environments", &TavExpr::own);
+                 "TavExpr& TavExpr::operator -= const TavIntLinExprTerm arg : mixing mismatch Environments");
 }
+
+namespace {
+/// A linear operand to merge into another node: itself when it is a
+/// temporary, else a copy (an integer one is converted and left as it is),
+/// negated when asked. A failure leaves the operand as it was.
+TavNumLinTermI* mergeable(TavNumExprI* e, bool negate) {
+  TavNumLinTermI* other = isIntLin(e) ? numFromInt(e) : static_cast<TavNumLinTermI*>(e->getRefCount() > 0 ? e->copy() : e);
+  if (negate) {
+    try {
+      other->multiply(-1.0);
+    } catch (...) {
+      if (other != e) other->end();
+      throw;
+    }
+  }
+  return other;
+}
+
+/// e += a (or e -= a): a variable as a cell, a linear node merged, any other
+/// node filed as a non-linear part (negated through the operator for -=).
+void addExpr(TavExpr& h, const TavNumExprArg& a, bool negate) {
+  TavNumExprI* e = a.getImpl();
+  h.edit([&](TavNumLinTermI* lin) {
+    if (isVar(e)) {
+      lin->append(e->getEnv()->newTerm(static_cast<TavNumVarI*>(e), negate ? -1.0 : 1.0));
+    } else if (isNumLin(e) || isIntLin(e)) {
+      lin->append(mergeable(e, negate));
+    } else {
+      TavNumLinPartI* part = lin->newPart();  // first: -a may consume a temporary a
+      TavNumExprI* summand = e;
+      try {
+        if (negate) summand = (-a).getImpl();
+      } catch (...) {
+        lin->getEnv()->free(part);
+        throw;
+      }
+      lin->linkPart(part, summand);
+    }
+  });
+}
+
+/// Refuses a variable of another (or an ended) environment before anything changes.
+void sameEnvAs(const TavNumLinTermI* lin, const TavExtractableI* obj, const char* message) {
+  if (obj && TavMemory::EnvOf(obj) != lin->getEnv()) throw TavWrongUsage(message, 0);
+}
+}  // namespace
 
 TavExpr& TavExpr::operator+=(const TavNumExprArg& a) {
   TavNumExprI* e = need(a.getImpl());
   checkEnv(e->getEnv(), "TavExpr& TavNumExpr::operator += const TavNumExprArg arg : mixing mismatch Environments");
-  if (isVar(e)) {
-    TavNumLinExprTermI* cell = e->getEnv()->newTerm(static_cast<TavNumVarI*>(e), 1.0);
-    own()->append(cell);
-  } else if (isNumLin(e)) {
-    TavNumLinTermI* lin = own();
-    TavNumLinTermI* other = static_cast<TavNumLinTermI*>(e->getRefCount() > 0 ? e->copy() : e);
-    lin->append(other);
-  } else if (isIntLin(e)) {
-    TavNumLinTermI* lin = own();
-    lin->append(numFromInt(e));
-  } else {
-    own()->append(e);
-  }
+  addExpr(*this, a, false);
   return *this;
 }
 
 TavExpr& TavExpr::operator-=(const TavNumExprArg& a) {
   TavNumExprI* e = need(a.getImpl());
   checkEnv(e->getEnv(), "TavExpr& TavExpr::operator -= const TavNumExprArg arg : mixing mismatch Environments");
-  if (isVar(e)) {
-    TavNumLinExprTermI* cell = e->getEnv()->newTerm(static_cast<TavNumVarI*>(e), -1.0);
-    own()->append(cell);
-  } else if (isNumLin(e) || isIntLin(e)) {
-    TavNumLinTermI* lin = own();
-    TavNumLinTermI* other =
-        isIntLin(e) ? numFromInt(e) : static_cast<TavNumLinTermI*>(e->getRefCount() > 0 ? e->copy() : e);
-    other->multiply(-1.0);
-    lin->append(other);
-  } else {
-    TavNumLinTermI* lin = own();
-    lin->append((-a).getImpl());
-  }
+  addExpr(*this, a, true);
   return *this;
 }
 
-void TavExpr::clear() { own()->clear(); }
+void TavExpr::clear() {
+  edit([](TavNumLinTermI* lin) { lin->clear(); });
+}
 
 void TavExpr::setNumConstant(double c) {
   TavTestIsLinear(_impl);  // before the copy on write: a failure changes nothing
-  own()->setConstant(c);
+  edit([c](TavNumLinTermI* lin) { lin->setConstant(c); });
 }
 
 void TavExpr::setLinearCoef(const TavNumVar& v, double c) {
-  own()->setCoef(static_cast<TavNumVarI*>(need(v.getImpl())), c);
+  TavNumLinTermI* lin = static_cast<TavNumLinTermI*>(need(_impl));
+  sameEnvAs(lin, need(v.getImpl()), "TavExpr::setLinearCoef const TavNumVar var : mixing mismatch Environments");
+  edit([&](TavNumLinTermI* own) { own->setCoef(v, c); });
 }
 
-void TavExpr::setLinearCoefs(TavNumVarArray vars, TavNumArray coefs) { own()->setCoef(vars, coefs, TavNumArray()); }
+void TavExpr::setLinearCoefs(TavNumVarArray vars, TavNumArray coefs) {
+  TavNumLinTermI* lin = static_cast<TavNumLinTermI*>(need(_impl));
+  if (vars.getImpl() == nullptr || coefs.getImpl() == nullptr) throw TavEmptyHandleException();
+  if (coefs.getSize() < vars.getSize())
+    throw TavWrongUsage("TavExpr::setLinearCoefs: fewer coefficients than variables", 0);
+  for (TavInt i = 0; i < vars.getSize(); ++i) {
+    TavNumVarI* v = vars.getElement(i);
+    if (v == nullptr) throw TavEmptyHandleException();
+    sameEnvAs(lin, v, "TavExpr::setLinearCoefs const TavNumVarArray vars : mixing mismatch Environments");
+  }
+  edit([&](TavNumLinTermI* own) { own->setCoef(vars, coefs, TavNumArray()); });
+}
 
-void TavExpr::remove(TavNumVarArray vars) { own()->remove(TavExtractableArray(vars.getImpl())); }
+void TavExpr::remove(TavNumVarArray vars) { remove(TavExtractableArray(vars.getImpl())); }
 
-void TavExpr::remove(TavExtractableArray objects) { own()->remove(objects); }
+void TavExpr::remove(TavExtractableArray objects) {
+  TavNumLinTermI* lin = static_cast<TavNumLinTermI*>(need(_impl));
+  if (objects.getImpl() == nullptr) throw TavEmptyHandleException();
+  for (TavInt i = 0; i < objects.getSize(); ++i)
+    sameEnvAs(lin, objects.getObject(i), "TavExpr::remove const TavExtractableArray objects : mixing mismatch Environments");
+  edit([&](TavNumLinTermI* own) { own->remove(objects); });
+}
 
-bool TavExpr::normalize() { return own()->normalize() == 0; }
+bool TavExpr::normalize() {
+  TavInt merged = 0;
+  edit([&](TavNumLinTermI* lin) { merged = lin->normalize(); });
+  return merged == 0;
+}
 
 bool TavExpr::isNormalized() const {
   TavNumLinTermI* lin = static_cast<TavNumLinTermI*>(need(_impl));
@@ -331,16 +371,17 @@ TavNumVar TavExpr::LinearIterator::getVar() const { return TavNumVar(_cell->_var
 
 // ------------------------------------------------------------------ TavIntExpr
 
-TavIntExpr::TavIntExpr(TavEnv env, TavInt c) : TavIntExprArg(new (env.getImpl()) TavIntLinTermI(env.getImpl(), c)) {
+TavIntExpr::TavIntExpr(TavIntExprI* impl) : TavNumExpr(static_cast<TavNumExprI*>(impl)) {}
+
+TavIntExpr::TavIntExpr(TavEnv env, TavInt c) : TavNumExpr(static_cast<TavNumExprI*>(new (env.getImpl()) TavIntLinTermI(env.getImpl(), c))) {
   _impl->lockRef();
 }
 
-TavIntExpr::TavIntExpr(TavIntLinExprTerm t)
-    : TavIntExprArg(new (need(t.getImpl()->_var)->getEnv()) TavIntLinTermI(t)) {
+TavIntExpr::TavIntExpr(TavIntLinExprTerm t) : TavNumExpr(static_cast<TavNumExprI*>(TavIntExprArg(t).getImpl())) {
   _impl->lockRef();
 }
 
-TavIntExpr::TavIntExpr(const TavIntExprArg& arg) : TavIntExprArg(arg.getImpl()) {
+TavIntExpr::TavIntExpr(const TavIntExprArg& arg) : TavNumExpr(static_cast<TavNumExprI*>(arg.getImpl())) {
   if (_impl) _impl->lockRef();
 }
 
@@ -391,15 +432,11 @@ TavIntExpr& TavIntExpr::operator-=(const TavIntExprArg& a) {
 TavEnv TavNumLinExprTerm::getEnv() const { return TavEnv(_cell->_var->getEnv()); }
 TavNumVar TavNumLinExprTerm::getVar() const { return TavNumVar(_cell->_var); }
 TavNumLinExprTerm::operator TavNumExprArg() const {
-  TavNumLinExprTermI* c = _cell;
-  if (c == nullptr) throw TavEmptyHandleException();
-  return TavNumExprArg(new (c->_var->getEnv()) TavNumLinTermI(*this));
+  return TavNumExprArg(new (TavVarEnv(TavTakeCell(_cell)->_var)) TavNumLinTermI(*this));
 }
 
 TavEnv TavIntLinExprTerm::getEnv() const { return TavEnv(_cell->_var->getEnv()); }
 TavIntVar TavIntLinExprTerm::getVar() const { return TavIntVar(_cell->_var); }
 TavIntLinExprTerm::operator TavIntExprArg() const {
-  TavNumLinExprTermI* c = _cell;
-  if (c == nullptr) throw TavEmptyHandleException();
-  return TavIntExprArg(new (c->_var->getEnv()) TavIntLinTermI(*this));
+  return TavIntExprArg(new (TavVarEnv(TavTakeCell(_cell)->_var)) TavIntLinTermI(*this));
 }

@@ -7,9 +7,18 @@
 
 #include "arrays.h"
 #include "operators.h"
+#include "stack.h"
 #include "variables.h"
 
 // ------------------------------------------------------------------ bases
+
+TAV_DEFINE_NODE_STATICS(TavNumExprI)
+TAV_DEFINE_NODE_STATICS(TavIntExprI)
+TAV_DEFINE_NODE_STATICS(TavNumLinTermI)
+TAV_DEFINE_NODE_STATICS(TavIntLinTermI)
+TAV_DEFINE_CHANGE_STATICS(TavNumLinTermAddVar)
+TAV_DEFINE_CHANGE_STATICS(TavNumLinTermRemoveVar)
+TAV_DEFINE_CHANGE_STATICS(TavIntLinTermRemoveVar)
 
 // Defined here, where nodes are complete: the host only forwards.
 void TavEnvI::release(TavNumExprI* node) {
@@ -63,9 +72,13 @@ TavNumVarI* asVar(TavExtractableI* e) {
 }
 }  // namespace
 
+void TavThrowUsedTerm() {
+  throw TavWrongUsage("TavNumLinExprTerm: the term is already part of an expression; build a new one", 0);
+}
+
 template <class Self, class Base, class Constant>
 TavLinNode<Self, Base, Constant>::TavLinNode(TavNumLinExprTermI* cell)
-    : TavNode<Self, Base>(cell->_var->getEnv(), nullptr), _first(cell), _last(cell), _constant(0) {
+    : TavNode<Self, Base>(TavVarEnv(TavTakeCell(cell)->_var), nullptr), _first(cell), _last(cell), _constant(0) {
   cell->_next = nullptr;
 }
 
@@ -82,8 +95,7 @@ void TavLinNode<Self, Base, Constant>::prepend(TavNumLinExprTermI* cell) {
 }
 
 template <class Self, class Base, class Constant>
-void TavLinNode<Self, Base, Constant>::appendPart(TavNumExprI* e) {
-  TavNumLinPartI* part = static_cast<TavNumLinPartI*>(this->getEnv()->alloc(sizeof(TavNumLinPartI)));
+void TavLinNode<Self, Base, Constant>::linkPart(TavNumLinPartI* part, TavNumExprI* e) {
   part->_expr = e;
   part->_next = nullptr;
   e->lockRef();
@@ -234,7 +246,12 @@ void TavLinNode<Self, Base, Constant>::removeMarked() {
 template <class Self, class Base, class Constant>
 double TavLinNode<Self, Base, Constant>::eval(TavAlgorithm alg) const {
   double sum = 0.0;
-  for (TavNumLinPartI* p = _firstPart; p; p = p->_next) sum += p->_expr->eval(alg);
+  if (_firstPart)
+    sum = TavDeepCall([&] {
+      double parts = 0.0;
+      for (TavNumLinPartI* p = _firstPart; p; p = p->_next) parts += p->_expr->eval(alg);
+      return parts;
+    });
   if (alg.getImpl() && alg.getImpl()->addTermValues(_first, sum)) return (double)_constant + sum;
   // Every variable class evaluates as TavNumVarI does: call it directly.
   for (TavNumLinExprTermI* t = _first; t; t = t->_next) sum += t->_coef * t->_var->TavNumVarI::eval(alg);
@@ -265,11 +282,14 @@ void TavLinNode<Self, Base, Constant>::display(std::ostream& os) const {
       displayVar(os, t->_var);
     }
     bool hadTerms = any;
-    for (TavNumLinPartI* p = _firstPart; p; p = p->_next) {
-      if (p != _firstPart || hadTerms) os << " + ";
-      p->_expr->display(os);
-      any = true;
-    }
+    if (_firstPart)
+      TavDeepCall([&] {
+        for (TavNumLinPartI* p = _firstPart; p; p = p->_next) {
+          if (p != _firstPart || hadTerms) os << " + ";
+          p->_expr->display(os);
+          any = true;
+        }
+      });
     if (_constant != 0) {
       if (any) os << " + ";
       os << _constant << " ";
@@ -286,10 +306,12 @@ void TavLinNode<Self, Base, Constant>::display(std::ostream& os) const {
   }
   if (_firstPart) {
     if (wrote) os << " + ";
-    for (TavNumLinPartI* p = _firstPart; p; p = p->_next) {
-      if (p != _firstPart) os << " + ";
-      p->_expr->display(os);
-    }
+    TavDeepCall([&] {
+      for (TavNumLinPartI* p = _firstPart; p; p = p->_next) {
+        if (p != _firstPart) os << " + ";
+        p->_expr->display(os);
+      }
+    });
     wrote = true;
   }
   if (_constant == 0) {
@@ -369,22 +391,40 @@ TavNumLinTermI::TavNumLinTermI(TavIntLinExprTerm t) : TavLinNode(t.getImpl()) {}
 TavNumExprI* TavNumLinTermI::copy() { return copyInto(new (getEnv()) TavNumLinTermI(getEnv(), _constant)); }
 
 bool TavNumLinTermI::isInteger() const {
-  for (TavNumLinPartI* p = _firstPart; p; p = p->_next)
-    if (!p->_expr->isInteger()) return false;
+  const bool partsInteger = TavDeepCall([&] {
+    for (TavNumLinPartI* p = _firstPart; p; p = p->_next)
+      if (!p->_expr->isInteger()) return false;
+    return true;
+  });
+  if (!partsInteger) return false;
   for (TavNumLinExprTermI* t = _first; t; t = t->_next)
     if (!t->_var->isInteger() || !TavNumIsInteger(t->_coef)) return false;
   return TavNumIsInteger(_constant);
 }
 
 namespace {
-// Replaces every part p of a linear node by the node built from p.
+// Replaces every part p of a linear node by the node built from p. Every new
+// part is built before the first one is swapped in, so a failure leaves the
+// node as it was.
 template <class Build>
 void rebuildParts(TavNumLinPartI* first, TavEnvI* env, Build build) {
+  if (first == nullptr) return;
+  std::vector<TavNumExprI*> made;
+  try {
+    for (TavNumLinPartI* p = first; p; p = p->_next) {
+      if (made.size() == made.capacity()) made.reserve(2 * made.size() + 8);  // room first: a node must be recorded
+      TavNumExprI* m = build(p->_expr);
+      m->lockRef();
+      made.push_back(m);
+    }
+  } catch (...) {
+    for (TavNumExprI* m : made) env->release(m);
+    throw;
+  }
+  std::size_t i = 0;
   for (TavNumLinPartI* p = first; p; p = p->_next) {
     TavNumExprI* old = p->_expr;
-    TavNumExprI* made = build(old);
-    made->lockRef();
-    p->_expr = made;
+    p->_expr = made[i++];
     env->release(old);
   }
 }
@@ -460,11 +500,21 @@ TavInt TavNumLinTermI::normalize() {
   return merged;
 }
 
-double TavNumLinTermI::setCoef(TavNumVarI* v, double c) {
-  normalize();
+double TavNumLinTermI::setCoef(TavNumVar var, double c) {
+  TavNumVarI* v = var.getImpl();
+  TavEnvI* env = getEnv();
+  // The cell an absent variable needs is made before anything changes.
+  TavNumLinExprTermI* cell = c != 0.0 ? env->newTerm(v, c) : nullptr;
+  try {
+    normalize();
+  } catch (...) {
+    if (cell) env->recycleTerm(cell);
+    throw;
+  }
   TavNumLinExprTermI* prev = nullptr;
   for (TavNumLinExprTermI* t = _first; t; prev = t, t = t->_next) {
     if (t->_var != v) continue;
+    if (cell) env->recycleTerm(cell);
     double old = t->_coef;
     if (c == 0.0) {
       if (prev) prev->_next = t->_next;
@@ -478,8 +528,8 @@ double TavNumLinTermI::setCoef(TavNumVarI* v, double c) {
     TavNotify<TavNumLinTermRemoveVar>(this, this, v);
     return old;
   }
-  if (c != 0.0) {
-    append(getEnv()->newTerm(v, c));
+  if (cell) {
+    append(cell);
     _normalized = 1;
     TavNotify<TavNumLinTermAddVar>(this, this, v);
   }
@@ -488,9 +538,23 @@ double TavNumLinTermI::setCoef(TavNumVarI* v, double c) {
 }
 
 void TavNumLinTermI::setCoef(TavNumVarArray vars, TavNumArray coefs, TavNumArray previous) {
-  normalize();
   TavEnvI* env = getEnv();
   const TavInt n = vars.getSize();
+  // Every cell the change may need is made before anything changes; the
+  // ones a present variable does not use go back at the end.
+  std::vector<TavNumLinExprTermI*> spare;
+  try {
+    for (TavInt i = 0; i < n; ++i)
+      if (coefs[i] != 0.0) {
+        if (spare.size() == spare.capacity()) spare.reserve(2 * spare.size() + 8);
+        spare.push_back(env->newTerm(vars.getElement(i), coefs[i]));
+      }
+    normalize();
+  } catch (...) {
+    for (TavNumLinExprTermI* c : spare) env->recycleTerm(c);
+    throw;
+  }
+  std::size_t used = 0;
   // Always the per-variable marks, under markLock.
   TavMutex* lock = env->getMarkLock();
   if (lock) lock->lock();
@@ -502,9 +566,11 @@ void TavNumLinTermI::setCoef(TavNumVarArray vars, TavNumArray coefs, TavNumArray
       double c = coefs[i];
       TavNumLinExprTermI* t = v->_mark;
       double old = 0.0;
+      if (c != 0.0) ++used;
       if (t == nullptr) {
         if (c != 0.0) {
-          append(env->newTerm(v, c));
+          append(spare[used - 1]);
+          spare[used - 1] = nullptr;
           TavNotify<TavNumLinTermAddVar>(this, this, v);
         }
       } else {
@@ -518,10 +584,14 @@ void TavNumLinTermI::setCoef(TavNumVarArray vars, TavNumArray coefs, TavNumArray
   } catch (...) {
     _normalized = 1;
     if (lock) lock->unlock();
+    for (TavNumLinExprTermI* c : spare)
+      if (c) env->recycleTerm(c);
     throw;
   }
   _normalized = 1;
   if (lock) lock->unlock();
+  for (TavNumLinExprTermI* c : spare)
+    if (c) env->recycleTerm(c);
 }
 
 bool TavNumLinTermI::isLinear() const {

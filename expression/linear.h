@@ -20,12 +20,16 @@ class TavIntLinExprTerm;
 
 /// Base of every numeric node: adds the reference count.
 class TavNumExprI : public TavNode<TavNumExprI, TavExtractableI> {
+  TAV_NODE_STATICS
  public:
   static constexpr const char* RttiName = "TavNumExprI";
   explicit TavNumExprI(TavEnvI* env, const char* name = nullptr) : TavNode(env, name) {}
 
   void visitSubExtractables(TavExtractableVisitor* visitor) override = 0;
   bool isRefCountedExpr() const override { return true; }
+  /// Parents hold a node with one reference each: at zero nothing holds it.
+  /// Variables are not counted and stay held.
+  bool mayBeHeld() const override { return _refCount > 0 || !isRefCountedExpr(); }
   /// Drops one reference; at zero the node goes to the interceptor or is destroyed.
   void end() override;
   /// The node itself; linear nodes return a real copy.
@@ -50,6 +54,7 @@ class TavNumExprI : public TavNode<TavNumExprI, TavExtractableI> {
 
 /// Base of integer nodes (and of variables).
 class TavIntExprI : public TavNode<TavIntExprI, TavNumExprI> {
+  TAV_NODE_STATICS
  public:
   static constexpr const char* RttiName = "TavIntExprI";
   using TavNode::TavNode;
@@ -59,6 +64,17 @@ class TavIntExprI : public TavNode<TavIntExprI, TavNumExprI> {
   /// A new integer linear node holding this one as its only part.
   virtual TavIntLinTermI* toIntLinTermI();
 };
+
+[[noreturn]] void TavThrowUsedTerm();
+
+/// A term handle's cell, checked before an expression takes it:
+/// TavEmptyHandleException for none, TavWrongUsage when an expression
+/// already holds it (one cell must never be linked into two places).
+inline TavNumLinExprTermI* TavTakeCell(TavNumLinExprTermI* c) {
+  if (TAV_UNLIKELY(c == nullptr)) throw TavEmptyHandleException();
+  if (TAV_UNLIKELY(c->_next != TavFreshCell())) TavThrowUsedTerm();
+  return c;
+}
 
 /// A non-linear summand of a linear node: the node (one reference) and the next cell.
 struct TavNumLinPartI {
@@ -90,6 +106,7 @@ class TavLinNode : public TavNode<Self, Base> {
 
   /// Adds a cell at the tail (a null tail means an empty list).
   void append(TavNumLinExprTermI* cell) {
+    cell->_next = nullptr;
     if (_last) _last->_next = cell;
     else _first = cell;
     _last = cell;
@@ -98,7 +115,14 @@ class TavLinNode : public TavNode<Self, Base> {
   /// Adds a cell at the head (it is also the tail when the tail is null).
   void prepend(TavNumLinExprTermI* cell);
   /// Files e as a non-linear part, with one more reference.
-  void appendPart(TavNumExprI* e);
+  void appendPart(TavNumExprI* e) { linkPart(newPart(), e); }
+  /// Memory for one part cell: what appendPart allocates, taken ahead by
+  /// operations that must not fail once they started changing the node.
+  TavNumLinPartI* newPart() const {
+    return static_cast<TavNumLinPartI*>(this->getEnv()->alloc(sizeof(TavNumLinPartI)));
+  }
+  /// Files e as a non-linear part in a cell from newPart(); cannot fail.
+  void linkPart(TavNumLinPartI* part, TavNumExprI* e);
   /// Takes over other's terms, parts and constant, then ends other.
   void appendNode(Self* other);
   /// Drops every part and term; constant 0.
@@ -161,6 +185,7 @@ class TavLinRecord : public TavChangeNode<Self> {
 
 #define TAV_LIN_RECORD(Record, Node)                             \
   class Record final : public TavLinRecord<Record, Node> {       \
+    TAV_CHANGE_STATICS                                           \
    public:                                                       \
     static constexpr const char* RttiName = #Record;             \
     using TavLinRecord::TavLinRecord;                            \
@@ -175,6 +200,7 @@ TAV_LIN_RECORD(TavIntLinTermRemoveVar, TavIntLinTermI)
 
 /// Constant + Σ coefficient × variable + Σ non-linear parts.
 class TavNumLinTermI : public TavLinNode<TavNumLinTermI, TavNumExprI, double> {
+  TAV_NODE_STATICS
  public:
   static constexpr const char* RttiName = "TavNumLinTermI";
   typedef TavNumLinTermRemoveVar RemoveRecord;
@@ -198,7 +224,7 @@ class TavNumLinTermI : public TavLinNode<TavNumLinTermI, TavNumExprI, double> {
   /// drops zero ones; returns the number of merges.
   TavInt normalize();
   /// Returns the previous coefficient (0 when absent).
-  double setCoef(TavNumVarI* v, double c);
+  double setCoef(TavNumVar v, double c);
   void setCoef(TavNumVarArray vars, TavNumArray coefs, TavNumArray previous);
   bool isNormalized() const { return _normalized != 0; }
   /// No non-linear parts, or only parts that are parameters.
@@ -213,6 +239,7 @@ class TavNumLinTermI : public TavLinNode<TavNumLinTermI, TavNumExprI, double> {
 
 /// The integer linear node: integral coefficients, a 64-bit constant.
 class TavIntLinTermI : public TavLinNode<TavIntLinTermI, TavIntExprI, TavInt> {
+  TAV_NODE_STATICS
  public:
   static constexpr const char* RttiName = "TavIntLinTermI";
   typedef TavIntLinTermRemoveVar RemoveRecord;
@@ -358,9 +385,13 @@ class TavExpr : public TavNumExpr {
   };
   LinearIterator getLinearIterator() const;
 
+  /// Applies f to the node made private to this handle (copy on write). The
+  /// copy replaces the shared node only when f succeeds, and f itself changes
+  /// nothing when it fails, so a failed edit leaves the model as it was.
+  template <class F>
+  TavExpr& edit(F f);
+
  private:
-  /// The node, made private to this handle first (copy on write).
-  TavNumLinTermI* own();
   TavExpr& addTermChecked(TavNumLinExprTerm t);
   void checkEnv(TavEnvI* other, const char* message) const;
 };
@@ -378,13 +409,21 @@ class TavNumExprNonLinearExpression : public TavException {
 };
 
 /// Counted handle on an integer node.
-class TavIntExpr : public TavIntExprArg {
+/// Counted handle on an integer node. It is a TavNumExpr: `TavNumExpr n = k`
+/// shares k's reference, as copies of handles do. Integer operators take it
+/// as an integer operand (see the forwarding templates of the operators).
+class TavIntExpr : public TavNumExpr {
  public:
-  TavIntExpr() : TavIntExprArg(nullptr) {}
-  TavIntExpr(TavIntExprI* impl) : TavIntExprArg(impl) {}
+  TavIntExpr() : TavNumExpr() {}
+  TavIntExpr(TavIntExprI* impl);
   explicit TavIntExpr(TavEnv env, TavInt c = 0);
   TavIntExpr(TavIntLinExprTerm t);
+  /// Stores the node and adds one reference.
   TavIntExpr(const TavIntExprArg& arg);
+
+  TavIntExprI* getImpl() const { return static_cast<TavIntExprI*>(_impl); }
+  /// The same node as a temporary handle (no count).
+  operator TavIntExprArg() const { return TavIntExprArg(getImpl()); }
 
   TavIntExpr& operator+=(TavInt c);
   TavIntExpr& operator-=(TavInt c);
@@ -433,7 +472,8 @@ std::ostream& operator<<(std::ostream& os, const TavNumExprArg& e);
 inline TavExpr& TavExpr::operator+=(TavNumLinExprTerm t) {
   TavNumLinExprTermI* cell = t.getImpl();
   TavNumLinTermI* lin = static_cast<TavNumLinTermI*>(_impl);
-  if (TAV_LIKELY(cell && lin && lin->getRefCount() == 1 && TavVarEnv(cell->_var) == lin->getEnv())) {
+  if (TAV_LIKELY(cell && lin && cell->_next == TavFreshCell() && lin->getRefCount() == 1 &&
+                 TavVarEnv(cell->_var) == lin->getEnv())) {
     lin->append(cell);
     return *this;
   }

@@ -22,11 +22,6 @@ TavNumExprI* need(TavNumExprI* e) {
   return e;
 }
 
-TavNumLinExprTermI* need(TavNumLinExprTermI* c) {
-  if (c == nullptr) throw TavEmptyHandleException();
-  return c;
-}
-
 void sameEnv(TavEnvI* a, TavEnvI* b, const char* message) {
   if (a != b) throw TavWrongUsage(message, 0);
 }
@@ -45,24 +40,24 @@ struct Operand {
 };
 
 Operand nodeOperand(TavNumExprI* e) { return Operand{need(e), nullptr, kindOf(e)}; }
-Operand cellOperand(TavNumLinExprTermI* c) { return Operand{nullptr, need(c), Kind::Cell}; }
+Operand cellOperand(TavNumLinExprTermI* c) { return Operand{nullptr, TavTakeCell(c), Kind::Cell}; }
+
+TavNumExprArg numTimes(TavNumExprI* e, double d);
+TavIntExprArg intTimes(TavIntExprI* e, TavInt k);
 
 // What differs between the numeric and the integer sums.
 struct NumSide {
   typedef TavNumLinTermI Lin;
   typedef double Constant;
   /// The node of a linear operand that the sum may change: the node itself
-  /// when unshared, else a copy; an integer node is converted.
+  /// when unshared, else a copy; an integer node is converted and left as it
+  /// is (a handle may still read it).
   static Lin* priv(TavNumExprI* e, Kind k) {
-    if (k == Kind::IntLin) {
-      Lin* made = static_cast<TavIntLinTermI*>(e)->toNumLinTermI();
-      dropIfTemporary(e);
-      return made;
-    }
+    if (k == Kind::IntLin) return static_cast<TavIntLinTermI*>(e)->toNumLinTermI();
     return static_cast<Lin*>(e->getRefCount() <= 0 ? e : e->copy());
   }
   static bool isLin(Kind k) { return k == Kind::NumLin || k == Kind::IntLin; }
-  static void addPart(Lin* lin, TavNumExprI* e) { lin->append(e); }
+  static TavNumExprI* negated(TavNumExprI* e) { return numTimes(e, -1.0).getImpl(); }
 };
 
 struct IntSide {
@@ -72,65 +67,104 @@ struct IntSide {
     return static_cast<Lin*>(e->getRefCount() <= 0 ? e : static_cast<TavIntExprI*>(e)->intCopy());
   }
   static bool isLin(Kind k) { return k == Kind::IntLin; }
-  static void addPart(Lin* lin, TavNumExprI* e) { lin->append(static_cast<TavIntExprI*>(e)); }
+  static TavNumExprI* negated(TavNumExprI* e) { return intTimes(static_cast<TavIntExprI*>(e), -1).getImpl(); }
 };
 
 /// The cell of an operand: its own, or a fresh one for a variable.
-TavNumLinExprTermI* cellOf(const Operand& o) {
-  return o.cell ? o.cell : o.env()->newTerm(static_cast<TavNumVarI*>(o.node), 1.0);
+TavNumLinExprTermI* cellOf(const Operand& o, double coef) {
+  return o.cell ? o.cell : o.env()->newTerm(static_cast<TavNumVarI*>(o.node), coef);
 }
 
-/// Frees an operand's cell when the sum fails: a term handle's cell is the
-/// operator's once given, so it goes too, made or not.
-void dropCell(const Operand& o, TavNumLinExprTermI* c) {
-  if (TavNumLinExprTermI* cell = c ? c : o.cell) o.env()->recycleTerm(cell);
-}
+/// Gives back what a failed sum made; what it was given stays as it was.
+template <class Lin>
+struct Made {
+  TavEnvI* env;
+  TavNumLinExprTermI* cells[2] = {nullptr, nullptr};
+  TavNumLinPartI* parts[2] = {nullptr, nullptr};
+  Lin* nodes[2] = {nullptr, nullptr};
+  void undo() {
+    for (TavNumLinExprTermI* c : cells)
+      if (c) env->recycleTerm(c);
+    for (TavNumLinPartI* p : parts) env->free(p);
+    for (Lin* n : nodes)
+      if (n) n->end();  // a copy or a new node: nothing else holds it
+  }
+};
 
+/// The linear node a sum may change for a linear operand: the operand itself
+/// when it is a temporary, else a copy (recorded as made).
 template <class Side>
-typename Side::Lin* sum(Operand a, Operand b) {
+typename Side::Lin* linearSide(const Operand& o, Made<typename Side::Lin>& made, int slot) {
+  typename Side::Lin* lin = Side::priv(o.node, o.kind);
+  if (lin != o.node) made.nodes[slot] = lin;
+  return lin;
+}
+
+/// a + b, or a - b when negate is set. Everything that can fail (cells,
+/// copies, part cells, and last the negation of the right side) is made
+/// first; then the pieces are linked, which cannot fail. A failure leaves
+/// both operands as they were.
+template <class Side>
+typename Side::Lin* sum(Operand a, Operand b, bool negate) {
   typedef typename Side::Lin Lin;
   TavEnvI* env = a.env();
   const bool linA = Side::isLin(a.kind), linB = Side::isLin(b.kind);
-  // e + e: the right side must not be the node that the left side changes.
-  if (linA && linB && a.node == b.node) b.node = b.node->copy();
-  TavNumLinExprTermI* ca = nullptr;
-  TavNumLinExprTermI* cb = nullptr;
-  Lin* lin = nullptr;
+  const double signB = negate ? -1.0 : 1.0;
+  Made<Lin> made{env};
+  TavNumLinExprTermI* ca = a.cell;
+  TavNumLinExprTermI* cb = b.cell;
+  Lin* base = nullptr;
+  Lin* other = nullptr;
+  TavNumExprI* partB = b.node;
+  // A node that is only linked, never changed, is held from the start: making
+  // the other side (a negation releases parts) must not end it under us.
+  TavNumExprI* held[2] = {a.kind == Kind::Other ? a.node : nullptr, b.kind == Kind::Other ? b.node : nullptr};
+  for (TavNumExprI* h : held)
+    if (h) h->lockRef();
   try {
-    ca = a.kind == Kind::Cell ? cellOf(a) : nullptr;
-    cb = b.kind == Kind::Cell ? cellOf(b) : nullptr;
-    if (linA) {
-      lin = Side::priv(a.node, a.kind);
-    } else if (linB) {
-      lin = Side::priv(b.node, b.kind);
-    } else {
-      lin = new (env) Lin(env, 0);
+    if (a.kind == Kind::Cell && !ca) ca = made.cells[0] = cellOf(a, 1.0);
+    if (b.kind == Kind::Cell && (!cb || cb == ca)) {
+      // A variable gets a cell; one term handle on both sides counts twice,
+      // so the right side gets a cell of its own.
+      cb = made.cells[1] = cb ? env->newTerm(cb->_var, signB * cb->_coef) : cellOf(b, signB);
+    }
+    if (linA) base = linearSide<Side>(a, made, 0);
+    else if (linB) base = linearSide<Side>(b, made, 1);
+    else base = made.nodes[0] = new (env) Lin(env, 0);
+    if (linA && linB) other = linearSide<Side>(b, made, 1);
+    if (a.kind == Kind::Other) made.parts[0] = base->newPart();
+    if (b.kind == Kind::Other) made.parts[1] = base->newPart();
+    if (negate) {
+      if (linB) (linA ? other : base)->multiply((typename Side::Constant)-1);
+      else if (b.kind == Kind::Other) partB = Side::negated(b.node);  // may consume a temporary b
     }
   } catch (...) {
-    dropCell(a, ca);
-    dropCell(b, cb);
+    for (TavNumExprI* h : held)
+      if (h) h->unlockRef();
+    made.undo();
     throw;
   }
-  // Nothing below allocates but a part cell and a copy of a shared right side.
-  try {
-    if (linA) {
-      if (cb) lin->append(cb);
-      else if (linB) lin->appendNode(Side::priv(b.node, b.kind));
-      else Side::addPart(lin, b.node);
-    } else if (linB) {
-      if (ca) lin->prepend(ca);
-      else Side::addPart(lin, a.node);
-    } else {
-      if (ca) lin->append(ca);
-      else Side::addPart(lin, a.node);
-      if (cb) lin->append(cb);
-      else Side::addPart(lin, b.node);
+  if (negate && cb == b.cell && cb) cb->_coef = -cb->_coef;
+  if (linA) {
+    if (cb) base->append(cb);
+    else if (linB) base->appendNode(other);
+    else base->linkPart(made.parts[1], partB);
+  } else if (linB) {
+    if (ca) base->prepend(ca);
+    else base->linkPart(made.parts[0], a.node);
+  } else {
+    if (ca) base->append(ca);
+    else base->linkPart(made.parts[0], a.node);
+    if (cb) base->append(cb);
+    else base->linkPart(made.parts[1], partB);
+  }
+  // Let go; a temporary b that its negation replaced is consumed.
+  for (TavNumExprI* h : held)
+    if (h) {
+      h->unlockRef();
+      if (h->getRefCount() <= 0) h->end();
     }
-  } catch (...) {
-    if (!linA && !linB) delete lin;
-    throw;
-  }
-  return lin;
+  return base;
 }
 
 template <class Side>
@@ -142,23 +176,39 @@ typename Side::Lin* sumConstant(Operand e, typename Side::Constant d) {
     lin->setConstant(lin->getConstant() + d);
     return lin;
   }
-  TavNumLinExprTermI* c = nullptr;
+  Made<Lin> made{env};
   Lin* lin;
   try {
-    c = e.kind == Kind::Cell ? cellOf(e) : nullptr;
-    lin = new (env) Lin(env, d);
+    if (e.kind == Kind::Cell && !e.cell) made.cells[0] = cellOf(e, 1.0);
+    lin = made.nodes[0] = new (env) Lin(env, d);
+    if (e.kind == Kind::Other) made.parts[0] = lin->newPart();
   } catch (...) {
-    dropCell(e, c);
+    made.undo();
     throw;
   }
-  try {
-    if (c) lin->append(c);
-    else Side::addPart(lin, e.node);
-  } catch (...) {
-    delete lin;
-    throw;
-  }
+  if (e.kind == Kind::Cell) lin->append(e.cell ? e.cell : made.cells[0]);
+  else lin->linkPart(made.parts[0], e.node);
   return lin;
+}
+
+/// Runs a binary operation whose two operands may be one temporary node.
+/// The node is held meanwhile, so that neither side is changed in place or
+/// ended under the other; afterwards it is consumed once, as a temporary
+/// operand always is (ended unless the result kept it).
+template <class Op>
+TavNumExprI* aliasSafe(TavNumExprI* a, TavNumExprI* b, Op op) {
+  if (a != b || a == nullptr || !a->isRefCountedExpr()) return op();
+  a->lockRef();
+  TavNumExprI* r;
+  try {
+    r = op();
+  } catch (...) {
+    a->unlockRef();
+    throw;
+  }
+  a->unlockRef();
+  if (a->getRefCount() <= 0 && a != r) a->end();
+  return r;
 }
 
 const char* const PlusMessages[] = {
@@ -177,13 +227,22 @@ const char* const PlusMessages[] = {
 };
 
 template <class Side>
-typename Side::Lin* checkedSum(Operand a, Operand b, int message) {
+TavNumExprI* checkedSum(Operand a, Operand b, int message, bool negate = false) {
   sameEnv(a.env(), b.env(), PlusMessages[message]);
-  return sum<Side>(a, b);
+  return aliasSafe(a.node, b.node, [&] { return sum<Side>(a, b, negate); });
 }
 
-TavNumExprArg numTimes(TavNumExprI* e, double d);
-TavIntExprArg intTimes(TavIntExprI* e, TavInt k);
+/// A result node in the handle kind of its operator.
+template <class R>
+R argOf(TavNumExprI* e);
+template <>
+TavNumExprArg argOf(TavNumExprI* e) {
+  return TavNumExprArg(e);
+}
+template <>
+TavIntExprArg argOf(TavNumExprI* e) {
+  return TavIntExprArg(static_cast<TavIntExprI*>(e));
+}
 
 // Operand views of the handle kinds.
 Operand op(const TavNumExprArg& e) { return nodeOperand(e.getImpl()); }
@@ -196,12 +255,13 @@ Operand op(TavIntLinExprTerm t) { return cellOperand(t.getImpl()); }
 
 // Terms (variable times number) are inline in the header.
 
+// Negating a term changes its cell, so only a cell that no expression holds.
 TavNumLinExprTerm operator-(TavNumLinExprTerm t) {
-  need(t.getImpl())->_coef = -t.getImpl()->_coef;
+  TavTakeCell(t.getImpl())->_coef = -t.getImpl()->_coef;
   return t;
 }
 TavIntLinExprTerm operator-(TavIntLinExprTerm t) {
-  need(t.getImpl())->_coef = -t.getImpl()->_coef;
+  TavTakeCell(t.getImpl())->_coef = -t.getImpl()->_coef;
   return t;
 }
 TavNumLinExprTerm operator-(const TavNumVar& x) { return x * -1.0; }
@@ -212,12 +272,9 @@ TavIntExprArg operator-(const TavIntExprArg& e) { return e * (TavInt)-1; }
 // ------------------------------------------------------------------ sums
 
 // a + b by the table; a - b is a + (-b) and reports the sum's message.
-#define TAV_SUM(Side, R, A, B, MSG)                                                          \
-  R operator+(A a, B b) { return R(checkedSum<Side>(op(a), op(b), MSG)); }                  \
-  R operator-(A a, B b) {                                                                    \
-    sameEnv(op(a).env(), op(b).env(), PlusMessages[MSG]);                                    \
-    return a + (-b);                                                                         \
-  }
+#define TAV_SUM(Side, R, A, B, MSG)                                                   \
+  R operator+(A a, B b) { return argOf<R>(checkedSum<Side>(op(a), op(b), MSG)); }     \
+  R operator-(A a, B b) { return argOf<R>(checkedSum<Side>(op(a), op(b), MSG, true)); }
 TAV_SUM(NumSide, TavNumExprArg, const TavNumExprArg&, const TavNumExprArg&, 0)
 TAV_SUM(NumSide, TavNumExprArg, const TavNumExprArg&, TavNumLinExprTerm, 1)
 TAV_SUM(NumSide, TavNumExprArg, const TavNumExprArg&, TavIntLinExprTerm, 2)
@@ -260,19 +317,42 @@ TavNumExprArg operator-(double d, const TavIntExprArg& e) { return d + (-TavNumE
 
 namespace {
 
+/// A new linear node holding one new cell (var, coef).
+template <class Lin>
+Lin* oneTerm(TavNumExprI* var, double coef) {
+  TavEnvI* env = var->getEnv();
+  Lin* lin = new (env) Lin(env, 0);
+  try {
+    lin->append(env->newTerm(static_cast<TavNumVarI*>(var), coef));
+  } catch (...) {
+    lin->end();
+    throw;
+  }
+  return lin;
+}
+
+/// A linear operand scaled in place when it is a temporary, else on a copy
+/// that goes again if the scaling fails.
+template <class Side, class Scale>
+typename Side::Lin* scaled(TavNumExprI* e, Scale scale) {
+  typename Side::Lin* lin = Side::priv(e, kindOf(e));
+  try {
+    scale(lin);
+  } catch (...) {
+    if (lin != e) lin->end();
+    throw;
+  }
+  return lin;
+}
+
 TavNumExprArg numTimes(TavNumExprI* e, double d) {
   TavEnvI* env = e->getEnv();
   switch (kindOf(e)) {
-    case Kind::Cell: {
-      TavNumLinExprTermI* c = env->newTerm(static_cast<TavNumVarI*>(e), d);
-      return TavNumExprArg(new (env) TavNumLinTermI(TavNumLinExprTerm(c)));
-    }
+    case Kind::Cell:
+      return TavNumExprArg(oneTerm<TavNumLinTermI>(e, d));
     case Kind::NumLin:
-    case Kind::IntLin: {
-      TavNumLinTermI* lin = NumSide::priv(e, kindOf(e));
-      lin->multiply(d);
-      return TavNumExprArg(lin);
-    }
+    case Kind::IntLin:
+      return TavNumExprArg(scaled<NumSide>(e, [d](TavNumLinTermI* lin) { lin->multiply(d); }));
     case Kind::Other:
       break;
   }
@@ -297,15 +377,10 @@ TavNumExprArg numTimes(TavNumExprI* e, double d) {
 TavIntExprArg intTimes(TavIntExprI* e, TavInt k) {
   TavEnvI* env = e->getEnv();
   switch (kindOf(e)) {
-    case Kind::Cell: {
-      TavNumLinExprTermI* c = env->newTerm(static_cast<TavNumVarI*>(static_cast<TavNumExprI*>(e)), (double)k);
-      return TavIntExprArg(new (env) TavIntLinTermI(TavIntLinExprTerm(c)));
-    }
-    case Kind::IntLin: {
-      TavIntLinTermI* lin = IntSide::priv(e, Kind::IntLin);
-      lin->multiply(k);
-      return TavIntExprArg(lin);
-    }
+    case Kind::Cell:
+      return TavIntExprArg(oneTerm<TavIntLinTermI>(e, (double)k));
+    case Kind::IntLin:
+      return TavIntExprArg(scaled<IntSide>(e, [k](TavIntLinTermI* lin) { lin->multiply(k); }));
     default:
       break;
   }
@@ -353,19 +428,20 @@ TavNumExprArg operator*(const TavNumExprArg& a, const TavNumExprArg& b) {
   TavNumExprI* y = need(b.getImpl());
   TavEnvI* env = x->getEnv();
   sameEnv(env, y->getEnv(), "TavNumExprArg operator * const TavNumExprArg const TavNumExprArg: mixing mismatch Environments");
-  double c;
-  if (constantOf(x, c)) {
-    TavNumExprArg r = numTimes(y, c);
-    // c * c: the product may be x itself, changed in place.
-    if (x != y) dropIfTemporary(x);
-    return r;
-  }
-  if (constantOf(y, c)) {
-    TavNumExprArg r = numTimes(x, c);
-    dropIfTemporary(y);
-    return r;
-  }
-  return TavNumExprArg(new (env) TavNumTimesI(env, x, y));
+  return TavNumExprArg(aliasSafe(x, y, [&]() -> TavNumExprI* {
+    double c;
+    if (constantOf(x, c)) {
+      TavNumExprArg r = numTimes(y, c);
+      dropIfTemporary(x);
+      return r.getImpl();
+    }
+    if (constantOf(y, c)) {
+      TavNumExprArg r = numTimes(x, c);
+      dropIfTemporary(y);
+      return r.getImpl();
+    }
+    return new (env) TavNumTimesI(env, x, y);
+  }));
 }
 
 TavIntExprArg operator*(const TavIntExprArg& a, const TavIntExprArg& b) {
@@ -382,16 +458,11 @@ TavNumExprArg operator/(const TavNumExprArg& e, double d) {
   TavNumExprI* x = need(e.getImpl());
   TavEnvI* env = x->getEnv();
   switch (kindOf(x)) {
-    case Kind::Cell: {
-      TavNumLinExprTermI* c = env->newTerm(static_cast<TavNumVarI*>(x), 1.0 / d);
-      return TavNumExprArg(new (env) TavNumLinTermI(TavNumLinExprTerm(c)));
-    }
+    case Kind::Cell:
+      return TavNumExprArg(oneTerm<TavNumLinTermI>(x, 1.0 / d));
     case Kind::NumLin:
-    case Kind::IntLin: {
-      TavNumLinTermI* lin = NumSide::priv(x, kindOf(x));
-      lin->divide(d);
-      return TavNumExprArg(lin);
-    }
+    case Kind::IntLin:
+      return TavNumExprArg(scaled<NumSide>(x, [d](TavNumLinTermI* lin) { lin->divide(d); }));
     default:
       return TavNumExprArg(new (env) TavNumDivCstI(env, x, d));
   }

@@ -4,6 +4,8 @@
 #ifndef TAV_EXPRESSION_OPERATORS_H
 #define TAV_EXPRESSION_OPERATORS_H
 
+#include <type_traits>
+
 #include "variables.h"
 
 // Terms: variable times number. Inline: this is the model-building path.
@@ -11,7 +13,16 @@
   inline R operator*(const X& x, N c) {                                   \
     TavNumVarI* v = x.getImpl();                                          \
     if (TAV_UNLIKELY(v == nullptr)) throw TavEmptyHandleException();      \
-    return R(TavVarEnv(v)->newTerm(v, (double)c));                        \
+    /* The sole live environment, when it owns v, comes from a global:  \
+       the cell allocation then need not wait for the owner look-up. */ \
+    TavEnvI* env = TavVarEnv(v);                                          \
+    TavEnvI* sole = TavEnvI::Sole();                                      \
+    if (TAV_LIKELY(env == sole && sole != nullptr))                       \
+      return R(sole->newTerm(v, (double)c));                              \
+    if (TAV_UNLIKELY(env == nullptr))                                     \
+      throw TavWrongUsage(#R " operator * const " #X " " #N               \
+                          ": variable of an ended Environment", 0);       \
+    return R(env->newTerm(v, (double)c));                                 \
   }                                                                       \
   inline R operator*(N c, const X& x) { return x * c; }
 TAV_TERM(TavNumLinExprTerm, TavNumVar, double)
@@ -89,5 +100,31 @@ TavIntExprArg operator%(const TavIntExprArg& e, TavInt k);
 TavIntExprArg operator%(TavInt k, const TavIntExprArg& e);
 TavIntExprArg operator%(const TavIntExprArg& e, int k);
 TavIntExprArg operator%(int k, const TavIntExprArg& e);
+
+// A TavIntExpr is a TavNumExpr; these templates hand it to the integer forms
+// above, so that integer handles keep integer arithmetic. They apply only
+// when an operand is exactly a TavIntExpr.
+inline TavIntExprArg TavAsIntOperand(const TavIntExpr& e) { return e; }
+template <class T>
+const T& TavAsIntOperand(const T& t) {
+  return t;
+}
+template <class A, class B = A>
+using TavIfIntExpr =
+    std::enable_if_t<std::is_same<A, TavIntExpr>::value || std::is_same<B, TavIntExpr>::value, int>;
+#define TAV_INT_EXPR_BINARY(F)                                                 \
+  template <class A, class B, TavIfIntExpr<A, B> = 0>                          \
+  auto F(const A& a, const B& b)->decltype(F(TavAsIntOperand(a), TavAsIntOperand(b))) { \
+    return F(TavAsIntOperand(a), TavAsIntOperand(b));                          \
+  }
+TAV_INT_EXPR_BINARY(operator+)
+TAV_INT_EXPR_BINARY(operator-)
+TAV_INT_EXPR_BINARY(operator*)
+TAV_INT_EXPR_BINARY(operator/)
+TAV_INT_EXPR_BINARY(operator%)
+template <class A, TavIfIntExpr<A> = 0>
+TavIntExprArg operator-(const A& a) {
+  return -TavAsIntOperand(a);
+}
 
 #endif

@@ -3,48 +3,83 @@
 // eval, display and operands:
 //
 //   class TavSinI final : public TavNode<TavSinI, TavNumExprI> {
+//     TAV_NODE_STATICS
 //    public:
 //     static constexpr const char* RttiName = "TavSinI";
 //     ...
 //   };
+//   TAV_DEFINE_NODE_STATICS(TavSinI)   // once, in the family's source file
 #ifndef TAV_EXPRESSION_PROTOCOL_H
 #define TAV_EXPRESSION_PROTOCOL_H
+
+#include <type_traits>
+#include <utility>
 
 #include "array.h"
 #include "domain.h"
 #include "env.h"
 
-/// Type identity of Self, whose direct base is Base.
+/// Declares the statics every node class owns: its type index, whose address
+/// is also the class's type token (a writable object, so no linker can fold
+/// two classes into one), and its three CP hooks. Define them once, in a
+/// source file, with TAV_DEFINE_NODE_STATICS.
+#define TAV_NODE_STATICS                             \
+ public:                                             \
+  auto tavStaticsOwner() const -> decltype(this);    \
+  static TavInt _rttiIndex;                          \
+  static TavExtractableI::ExtractHook _extractCP;    \
+  static TavExtractableI::ObjectHook _unextractCP;   \
+  static TavExtractableI::ObjectHook _modifyCP;
+
+#define TAV_DEFINE_NODE_STATICS(Class)                           \
+  TavInt Class::_rttiIndex = 0;                                  \
+  TavExtractableI::ExtractHook Class::_extractCP = nullptr;      \
+  TavExtractableI::ObjectHook Class::_unextractCP = nullptr;     \
+  TavExtractableI::ObjectHook Class::_modifyCP = nullptr;
+
+/// The statics of a change-record class: type index (and token) and apply hook.
+#define TAV_CHANGE_STATICS                         \
+ public:                                           \
+  auto tavStaticsOwner() const -> decltype(this);  \
+  static TavInt _rttiIndex;                        \
+  static TavChange::ApplyHook _applyCP;
+
+#define TAV_DEFINE_CHANGE_STATICS(Class) \
+  TavInt Class::_rttiIndex = 0;          \
+  TavChange::ApplyHook Class::_applyCP = nullptr;
+
+/// Type identity of Self, whose direct base is Base. Self declares its own
+/// statics (TAV_NODE_STATICS or TAV_CHANGE_STATICS).
 template <class Self, class Base>
 class TavTyped : public Base {
  public:
   using Base::Base;
 
   static TavTypeInfo GetBaseTypeInfo() { return Base::GetTypeInfo(); }
-  /// The class's token: the address of its own GetBaseTypeInfo.
-  static TavTypeInfo GetTypeInfo() { return reinterpret_cast<TavTypeInfo>(&TavTyped::GetBaseTypeInfo); }
+  /// The class's token: the address of its own type-index static.
+  static TavTypeInfo GetTypeInfo() {
+    // tavStaticsOwner() names the class whose statics macro declared it.
+    static_assert(std::is_same<decltype(std::declval<const Self&>().tavStaticsOwner()), const Self*>::value,
+                  "a node class declares its own statics (TAV_NODE_STATICS or TAV_CHANGE_STATICS)");
+    return &Self::_rttiIndex;
+  }
   static TavInt GetTypeIndex() {
     InitTypeIndex();
-    return _rttiIndex;
+    return TavLoadTypeIndex(Self::_rttiIndex);
   }
-  static void InitTypeIndex() { TavAssignTypeIndex(_rttiIndex); }
+  static void InitTypeIndex() { TavAssignTypeIndex(Self::_rttiIndex); }
   static const char* GetRttiTypeName() { return Self::RttiName; }
   static TavInt GetExtractableSize() { return sizeof(Self); }
 
   /// Reads the index without assigning it: 0 until GetTypeIndex() ran.
-  TavInt getTypeIndex() const override { return _rttiIndex; }
+  TavInt getTypeIndex() const override { return TavLoadTypeIndex(Self::_rttiIndex); }
   TavTypeInfo getTypeInfo() const override { return GetTypeInfo(); }
   bool isType(TavTypeInfo t) const override { return t == GetTypeInfo() || Base::isType(t); }
   const char* getRttiTypeName() const override { return Self::RttiName; }
   TavInt getExtractableSize() const override { return sizeof(Self); }
   TavTypeInfo getBaseTypeInfo() const override { return Base::GetTypeInfo(); }
   TavInt getBaseTypeIndex() const override { return Base::GetTypeIndex(); }
-
-  static TavInt _rttiIndex;
 };
-
-template <class Self, class Base>
-TavInt TavTyped<Self, Base>::_rttiIndex = 0;
 
 /// Type identity plus the three CP hooks of a model-object class. A class
 /// never falls back to its base's hooks.
@@ -54,30 +89,19 @@ class TavNode : public TavTyped<Self, Base> {
   using TavTyped<Self, Base>::TavTyped;
 
   void* extractToCP(TavAlgorithm alg) const override {
-    if (_extractCP == nullptr) throw TavAlgorithm::ExtractFailure();
-    return _extractCP(alg, this);
+    if (Self::_extractCP == nullptr) throw TavAlgorithm::ExtractFailure();
+    return Self::_extractCP(alg, this);
   }
   void unextractFromCP(TavAlgorithm alg, void* obj) const override {
-    if (_unextractCP == nullptr) throw TavAlgorithm::RemoveFailure();
-    _unextractCP(alg, this, obj);
+    if (Self::_unextractCP == nullptr) throw TavAlgorithm::RemoveFailure();
+    Self::_unextractCP(alg, this, obj);
   }
   /// An unset modify hook fails as a remove failure.
   void modifyCP(TavAlgorithm alg, void* obj) const override {
-    if (_modifyCP == nullptr) throw TavAlgorithm::RemoveFailure();
-    _modifyCP(alg, this, obj);
+    if (Self::_modifyCP == nullptr) throw TavAlgorithm::RemoveFailure();
+    Self::_modifyCP(alg, this, obj);
   }
-
-  static TavExtractableI::ExtractHook _extractCP;
-  static TavExtractableI::ObjectHook _unextractCP;
-  static TavExtractableI::ObjectHook _modifyCP;
 };
-
-template <class Self, class Base>
-TavExtractableI::ExtractHook TavNode<Self, Base>::_extractCP = nullptr;
-template <class Self, class Base>
-TavExtractableI::ObjectHook TavNode<Self, Base>::_unextractCP = nullptr;
-template <class Self, class Base>
-TavExtractableI::ObjectHook TavNode<Self, Base>::_modifyCP = nullptr;
 
 /// Type identity plus the apply hook of a change-record class.
 template <class Self, class Base = TavChange>
@@ -86,15 +110,10 @@ class TavChangeNode : public TavTyped<Self, Base> {
   using TavTyped<Self, Base>::TavTyped;
 
   void applyToCP(TavAlgorithm alg, void* data) const override {
-    if (_applyCP == nullptr) throw TavAlgorithm::CannotChangeException(alg.getImpl());
-    _applyCP(alg, this, data);
+    if (Self::_applyCP == nullptr) throw TavAlgorithm::CannotChangeException(alg.getImpl());
+    Self::_applyCP(alg, this, data);
   }
-
-  static TavChange::ApplyHook _applyCP;
 };
-
-template <class Self, class Base>
-TavChange::ApplyHook TavChangeNode<Self, Base>::_applyCP = nullptr;
 
 /// Builds a stack record, hands it on, and lets it go even when delivery throws.
 template <class Record, class... Args>

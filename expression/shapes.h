@@ -9,6 +9,7 @@
 
 #include "arrays.h"
 #include "linear.h"
+#include "stack.h"
 
 /// How a node's integrality follows from its operands.
 enum class TavIntegrality {
@@ -31,8 +32,10 @@ struct TavNodeTexts {
 namespace tav_detail {
 inline bool integral(double c) { return TavNumIsInteger(c); }
 inline bool integral(TavInt) { return true; }
-inline TavNumExprI* cloneOf(TavEnvI* env, const TavNumExprI* e) {
-  return static_cast<TavNumExprI*>(env->getClone(e));
+/// The clone of an operand in the current pass, from the node's own
+/// environment (which records every pair of the pass it runs).
+inline TavNumExprI* cloneOf(const TavNumExprI* node, const TavNumExprI* e) {
+  return static_cast<TavNumExprI*>(node->getEnv()->getClone(e));
 }
 /// Prints first, the middle text, then second, inside the syntax's texts.
 template <class A, class B>
@@ -65,14 +68,19 @@ class TavCstNode : public TavNode<Self, Base> {
   TavNumExprI* getExpr() const { return _expr; }
   Constant getConstant() const { return _cst; }
 
-  double eval(TavAlgorithm alg) const override { return Self::Apply(_expr->eval(alg), _cst); }
+  double eval(TavAlgorithm alg) const override {
+    return Self::Apply(TavDeepCall([this, alg] { return _expr->eval(alg); }), _cst);
+  }
   bool isInteger() const override {
     if (Self::Integral == TavIntegrality::Always) return true;
-    return Self::Integral == TavIntegrality::FromOperands && _expr->isInteger() && tav_detail::integral(_cst);
+    return Self::Integral == TavIntegrality::FromOperands && TavDeepCall([&] { return _expr->isInteger(); }) &&
+           tav_detail::integral(_cst);
   }
   void display(std::ostream& os) const override {
-    if (Self::ConstantFirst) tav_detail::displayPair(os, this->getEnv(), Self::Texts, _cst, _expr);
-    else tav_detail::displayPair(os, this->getEnv(), Self::Texts, _expr, _cst);
+    TavDeepCall([&] {
+      if (Self::ConstantFirst) tav_detail::displayPair(os, this->getEnv(), Self::Texts, _cst, _expr);
+      else tav_detail::displayPair(os, this->getEnv(), Self::Texts, _expr, _cst);
+    });
   }
   void visitSubExtractables(TavExtractableVisitor* visitor) override {
     visitor->beginVisit(this);
@@ -80,7 +88,7 @@ class TavCstNode : public TavNode<Self, Base> {
     visitor->endVisit(this);
   }
   TavExtractableI* makeClone(TavEnvI* env) const override {
-    return new (env) Self(env, tav_detail::cloneOf(env, _expr), _cst);
+    return new (env) Self(env, tav_detail::cloneOf(this, _expr), _cst);
   }
 
  private:
@@ -106,15 +114,16 @@ class TavBinaryNode : public TavNode<Self, Base> {
   TavNumExprI* getRight() const { return _right; }
 
   double eval(TavAlgorithm alg) const override {
-    const double a = _left->eval(alg);
-    return Self::Apply(a, _right->eval(alg));
+    const double a = TavDeepCall([this, alg] { return _left->eval(alg); });
+    return Self::Apply(a, TavDeepCall([this, alg] { return _right->eval(alg); }));
   }
   bool isInteger() const override {
     if (Self::Integral == TavIntegrality::Always) return true;
-    return Self::Integral == TavIntegrality::FromOperands && _left->isInteger() && _right->isInteger();
+    return Self::Integral == TavIntegrality::FromOperands &&
+           TavDeepCall([&] { return _left->isInteger() && _right->isInteger(); });
   }
   void display(std::ostream& os) const override {
-    tav_detail::displayPair(os, this->getEnv(), Self::Texts, _left, _right);
+    TavDeepCall([&] { tav_detail::displayPair(os, this->getEnv(), Self::Texts, _left, _right); });
   }
   void visitSubExtractables(TavExtractableVisitor* visitor) override {
     visitor->beginVisit(this);
@@ -123,8 +132,8 @@ class TavBinaryNode : public TavNode<Self, Base> {
     visitor->endVisit(this);
   }
   TavExtractableI* makeClone(TavEnvI* env) const override {
-    TavNumExprI* a = tav_detail::cloneOf(env, _left);
-    return new (env) Self(env, a, tav_detail::cloneOf(env, _right));
+    TavNumExprI* a = tav_detail::cloneOf(this, _left);
+    return new (env) Self(env, a, tav_detail::cloneOf(this, _right));
   }
 
  private:
@@ -152,27 +161,31 @@ class TavArrayNode : public TavNode<Self, Base> {
   double eval(TavAlgorithm alg) const override {
     const TavInt n = _operands.getSize();
     if (n == 0) throw TavArrayError(Self::EvalMessage, 0);
-    double m = _operands.getElement(0)->eval(alg);
-    if (n == 1) return m;
-    // Element 0 is evaluated once more: a solver may count evaluations.
-    for (TavInt i = 0; i < n; ++i) {
-      const double v = _operands.getElement(i)->eval(alg);
-      if (Self::Better(v, m)) m = v;
-    }
-    return m;
+    return TavDeepCall([&] {
+      double m = _operands.getElement(0)->eval(alg);
+      if (n == 1) return m;
+      // Element 0 is evaluated once more: a solver may count evaluations.
+      for (TavInt i = 0; i < n; ++i) {
+        const double v = _operands.getElement(i)->eval(alg);
+        if (Self::Better(v, m)) m = v;
+      }
+      return m;
+    });
   }
   bool isInteger() const override {
     if (Self::Integral == TavIntegrality::Always) return true;
     if (Self::Integral == TavIntegrality::Never) return false;
     const TavInt n = _operands.getSize();
-    for (TavInt i = 0; i < n; ++i)
-      if (!_operands.getElement(i)->isInteger()) return false;
-    return true;
+    return TavDeepCall([&] {
+      for (TavInt i = 0; i < n; ++i)
+        if (!_operands.getElement(i)->isInteger()) return false;
+      return true;
+    });
   }
   void display(std::ostream& os) const override {
     const bool lib = this->getEnv()->isLibrarySyntaxDisplay();
     os << (lib ? Self::Texts.libOpen : Self::Texts.shortOpen);
-    os << static_cast<const TavExtractableArray&>(_operands);
+    TavDeepCall([&] { os << static_cast<const TavExtractableArray&>(_operands); });
     os << (lib ? Self::Texts.libClose : Self::Texts.shortClose);
   }
   void visitSubExtractables(TavExtractableVisitor* visitor) override {
@@ -193,6 +206,7 @@ class TavArrayNode : public TavNode<Self, Base> {
 /// What every row states: its name, shape, integrality and texts.
 #define TAV_ROW(Name, Shape, Args, Integrality, ...)                        \
   class Name final : public Shape<Args> {                                   \
+    TAV_NODE_STATICS                                                        \
    public:                                                                  \
     static constexpr const char* RttiName = #Name;                          \
     static constexpr TavIntegrality Integral = TavIntegrality::Integrality; \
@@ -220,6 +234,9 @@ class TavArrayNode : public TavNode<Self, Base> {
   };
 
 #define TAV_COMMA ,
+
+/// Defines the statics of one row, whatever its shape (in the family's source).
+#define TAV_ROW_STATICS(Name, ...) TAV_DEFINE_NODE_STATICS(Name)
 
 /// Display texts: library open, middle, close; short open, middle, close.
 #define TAV_TEXTS(lo, lm, lc, so, sm, sc) \

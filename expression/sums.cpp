@@ -47,7 +47,18 @@ Lin* overExprs(const Array& a, const Array& b) {
   }
   Lin* lin = new (env) Lin(env, 0);
   try {
-    for (TavInt i = 0; i < n; ++i) lin->append((Arg(a.getElement(i)) * Arg(b.getElement(i))).getImpl());
+    for (TavInt i = 0; i < n; ++i) {
+      // The part cell first: once made, a product has somewhere to go.
+      TavNumLinPartI* part = lin->newPart();
+      TavNumExprI* product;
+      try {
+        product = (Arg(a.getElement(i)) * Arg(b.getElement(i))).getImpl();
+      } catch (...) {
+        env->free(part);
+        throw;
+      }
+      lin->linkPart(part, product);
+    }
   } catch (...) {
     delete lin;
     throw;

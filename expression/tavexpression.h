@@ -21,6 +21,7 @@
 #include "domain.h"
 #include "env.h"
 #include "memory.h"
+#include "stack.h"
 
 #include "protocol.h"
 #include "linear.h"

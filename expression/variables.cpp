@@ -92,6 +92,11 @@ TavNumVarI* installed(const TavAddNumVar& column, TavNumVarI* var) {
 
 // ------------------------------------------------------------------ TavNumVarI
 
+TAV_DEFINE_NODE_STATICS(TavNumVarI)
+TAV_DEFINE_CHANGE_STATICS(TavSetNumVarBounds)
+TAV_DEFINE_CHANGE_STATICS(TavSetNumVarArrayBounds)
+TAV_DEFINE_CHANGE_STATICS(TavSetNumVarPossibleValues)
+
 TavNumVarI::TavNumVarI(TavEnvI* env, TavVarDomainI* domain, const char* name) : TavNode(env, name), _domain(domain) {}
 
 TavNumVarI::TavNumVarI(TavEnvI* env, const char* name) : TavNode(env, name), _domain(nullptr) {}

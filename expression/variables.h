@@ -16,7 +16,7 @@ class TavAnyArray : public TavIntArray {
 class TavNumVar : public TavNumExprArg {
  public:
   /// Variable kinds; any value other than 1 and 2 is Boolean.
-  enum Type { Int = 1, Float = 2, Bool = 3 };
+  enum Type : int { Int = 1, Float = 2, Bool = 3 };
 
   TavNumVar() : TavNumExprArg(nullptr) {}
   TavNumVar(TavNumVarI* impl);
@@ -97,6 +97,7 @@ class TavBoolVar : public TavIntVar {
 /// The implementation of every decision variable; bounds, type and values
 /// live in a domain, shared through the environment until first modified.
 class TavNumVarI : public TavNode<TavNumVarI, TavIntExprI> {
+  TAV_NODE_STATICS
  public:
   static constexpr const char* RttiName = "TavNumVarI";
 
@@ -132,9 +133,11 @@ class TavNumVarI : public TavNode<TavNumVarI, TavIntExprI> {
 
   TavNumLinTermI* toNumLinTermI() override;
   TavIntLinTermI* toIntLinTermI() override;
-  /// The algorithm's value; on failure, the active model evaluator's.
+  /// The algorithm's value; on failure (an empty algorithm included), the
+  /// active model evaluator's.
   double eval(TavAlgorithm alg) const override {
     try {
+      if (TAV_UNLIKELY(alg.getImpl() == nullptr)) throw TavEmptyHandleException();
       return alg.getImpl()->getValue(this);
     } catch (...) {
       return evalFallback();
@@ -160,12 +163,13 @@ class TavNumVarI : public TavNode<TavNumVarI, TavIntExprI> {
 
 // The handle operations on the model-building path, inline.
 inline TavNumVar::TavNumVar(TavNumVarI* impl) : TavNumExprArg(impl) {}
-inline TavNumVarI* TavNumVar::getImpl() const { return static_cast<TavNumVarI*>(_impl); }
+inline TAV_HANDLE_POINTER TavNumVarI* TavNumVar::getImpl() const { return static_cast<TavNumVarI*>(_impl); }
 inline TavIntVar::TavIntVar(TavNumVarI* impl) : TavIntExprArg(impl) {}
-inline TavNumVarI* TavIntVar::getImpl() const { return static_cast<TavNumVarI*>(_impl); }
+inline TAV_HANDLE_POINTER TavNumVarI* TavIntVar::getImpl() const { return static_cast<TavNumVarI*>(_impl); }
 
 /// New bounds of one variable.
 class TavSetNumVarBounds : public TavChangeNode<TavSetNumVarBounds> {
+  TAV_CHANGE_STATICS
  public:
   static constexpr const char* RttiName = "TavSetNumVarBounds";
   TavSetNumVarBounds(TavNumVarI* var, double lb, double ub) : TavChangeNode(var), _var(var), _lb(lb), _ub(ub) {}
@@ -180,6 +184,7 @@ class TavSetNumVarBounds : public TavChangeNode<TavSetNumVarBounds> {
 
 /// New bounds of a whole array of variables.
 class TavSetNumVarArrayBounds : public TavChangeNode<TavSetNumVarArrayBounds> {
+  TAV_CHANGE_STATICS
  public:
   static constexpr const char* RttiName = "TavSetNumVarArrayBounds";
   TavSetNumVarArrayBounds(TavArrayI* vars, TavArrayI* lbs, TavArrayI* ubs) : _vars(vars), _lbs(lbs), _ubs(ubs) {}
@@ -195,6 +200,7 @@ class TavSetNumVarArrayBounds : public TavChangeNode<TavSetNumVarArrayBounds> {
 
 /// A new list of possible values; exactly one of the two arrays is present.
 class TavSetNumVarPossibleValues : public TavChangeNode<TavSetNumVarPossibleValues> {
+  TAV_CHANGE_STATICS
  public:
   static constexpr const char* RttiName = "TavSetNumVarPossibleValues";
   TavSetNumVarPossibleValues(TavNumVarI* var, TavArrayI* nums, TavArrayI* ints)

@@ -1,6 +1,7 @@
 // Segmented arrays, ranges, columns and array printing.
 #include "array.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -15,42 +16,64 @@ TavInt shiftFor(TavInt n) {
 }  // namespace
 
 TavArrayI::TavArrayI(TavEnvI* env, TavInt n, int blockShift)
-    : _env(env), _blockCount(0), _tableCapacity(0), _size(0), _mask(0), _shift(0), _blocks(nullptr) {
+    : _env(env), _blockCount(0), _tableCapacity(0), _capacity(0), _size(0), _mask(0), _shift(0), _blocks(nullptr) {
   if (n < 0) n = 0;
   _shift = blockShift >= 0 ? blockShift : shiftFor(n);
   _mask = (TavInt(1) << _shift) - 1;
-  try {
-    while ((_blockCount << _shift) < n) grow();
-  } catch (...) {
-    freeBlocks();
-    throw;
-  }
-  for (TavInt b = 0; b < _blockCount; ++b) std::memset(_blocks[b], 0, sizeof(TavArraySlot) << _shift);
+  reserveExact(n);
+  for (TavInt i = 0; i < n; i += TavInt(1) << _shift)
+    std::memset(&at(i), 0, sizeof(TavArraySlot) * std::min(n - i, TavInt(1) << _shift));
   _size = n;
 }
 
 TavArrayI::TavArrayI(const TavArrayI* src)
-    : _env(src->_env), _blockCount(0), _tableCapacity(0), _size(0), _mask(src->_mask), _shift(src->_shift),
-      _blocks(nullptr) {
-  try {
-    addArray(src);
-  } catch (...) {
-    freeBlocks();
-    throw;
-  }
+    : _env(src->_env), _blockCount(0), _tableCapacity(0), _capacity(0), _size(0), _mask(src->_mask),
+      _shift(src->_shift), _blocks(nullptr) {
+  reserveExact(src->_size);
+  for (TavInt i = 0; i < src->_size; ++i) at(i) = src->at(i);
+  _size = src->_size;
 }
 
 TavArrayI::~TavArrayI() { freeBlocks(); }
 
 void TavArrayI::freeBlocks() {
-  const std::size_t blockBytes = sizeof(TavArraySlot) << _shift;
-  for (TavInt b = 0; b < _blockCount; ++b) _env->free(_blocks[b], blockBytes);
-  _env->free(_blocks, sizeof(TavArraySlot*) * _tableCapacity);
+  for (TavInt b = 0; b < _blockCount; ++b) _env->free(_blocks[b]);
+  _env->free(_blocks);
   _blocks = nullptr;
-  _blockCount = _tableCapacity = 0;
+  _blockCount = _tableCapacity = _capacity = 0;
+}
+
+void TavArrayI::reserveExact(TavInt n) {
+  if (n <= 0) return;
+  const TavInt full = TavInt(1) << _shift;
+  const TavInt blocks = (n + full - 1) >> _shift;
+  try {
+    _blocks = static_cast<TavArraySlot**>(_env->alloc(sizeof(TavArraySlot*) * blocks));
+    _tableCapacity = blocks;
+    for (TavInt b = 0; b < blocks; ++b) {
+      const TavInt slots = std::min(full, n - (b << _shift));
+      _blocks[b] = static_cast<TavArraySlot*>(_env->alloc(sizeof(TavArraySlot) * slots));
+      ++_blockCount;
+      _capacity += slots;
+    }
+  } catch (...) {
+    freeBlocks();
+    throw;
+  }
 }
 
 void TavArrayI::grow() {
+  const TavInt full = TavInt(1) << _shift;
+  if (_capacity < (_blockCount << _shift)) {
+    // The short last block becomes a full one.
+    const TavInt last = _blockCount - 1;
+    TavArraySlot* block = static_cast<TavArraySlot*>(_env->alloc(sizeof(TavArraySlot) * full));
+    std::memcpy(block, _blocks[last], sizeof(TavArraySlot) * (_capacity - (last << _shift)));
+    _env->free(_blocks[last]);
+    _blocks[last] = block;
+    _capacity = _blockCount << _shift;
+    return;
+  }
   if (_blockCount == _tableCapacity) {
     TavInt cap = _tableCapacity ? 2 * _tableCapacity : 4;
     TavArraySlot** table = static_cast<TavArraySlot**>(_env->alloc(sizeof(TavArraySlot*) * cap));
@@ -59,8 +82,9 @@ void TavArrayI::grow() {
     _blocks = table;
     _tableCapacity = cap;
   }
-  _blocks[_blockCount] = static_cast<TavArraySlot*>(_env->alloc(sizeof(TavArraySlot) << _shift));
+  _blocks[_blockCount] = static_cast<TavArraySlot*>(_env->alloc(sizeof(TavArraySlot) * full));
   ++_blockCount;
+  _capacity += full;
 }
 
 void TavArrayI::addArray(const TavArrayI* other) {

@@ -18,6 +18,8 @@ union TavArraySlot {
 
 /// The storage behind every array handle. Element i lives at
 /// blockTable[i >> blockShift][i & indexMask]; indexing checks no bounds.
+/// An array made with a size, or as a copy, holds exactly that many slots:
+/// its last block is short until the array grows past it.
 class TavArrayI : public TavMemoryManagerObjectI {
  public:
   /// n zeroed elements; blockShift < 0 picks one from n.
@@ -35,7 +37,7 @@ class TavArrayI : public TavMemoryManagerObjectI {
   TavArraySlot& at(TavInt i) const { return _blocks[i >> _shift][i & _mask]; }
 
   void add(TavArraySlot v) {
-    if (TAV_UNLIKELY(_size == (_blockCount << _shift))) grow();
+    if (TAV_UNLIKELY(_size == _capacity)) grow();
     at(_size++) = v;
   }
   void addArray(const TavArrayI* other);
@@ -47,10 +49,13 @@ class TavArrayI : public TavMemoryManagerObjectI {
 
  private:
   void grow();
+  /// Blocks for exactly n slots in an array that has none.
+  void reserveExact(TavInt n);
   void freeBlocks();
   TavEnvI* _env;
   TavInt _blockCount;
   TavInt _tableCapacity;
+  TavInt _capacity;  // slots in the blocks
   TavInt _size;
   TavInt _mask;
   TavInt _shift;
@@ -100,7 +105,12 @@ class TavValueArray : public TavArrayBase {
   /// n zeros in env.
   explicit TavValueArray(TavEnv env, TavInt n = 0) : TavArrayBase(Make(env, n)) {}
   TavValueArray(TavEnv env, std::initializer_list<T> values) : TavArrayBase(Make(env, 0)) {
-    for (T v : values) add(v);
+    try {
+      for (T v : values) add(v);
+    } catch (...) {
+      _impl->end();
+      throw;
+    }
   }
   T& operator[](TavInt i) const { return TavSlotOf<T>::get(_impl->at(i)); }
   void add(T v) {
@@ -121,6 +131,31 @@ class TavIntArray : public TavValueArray<TavInt> {
   using TavValueArray<TavInt>::TavValueArray;
   /// The same values as doubles, in a new array of the same environment.
   TavNumArray toNumArray() const;
+};
+
+/// Stores a handle's object in a slot of an array of model objects.
+template <class H>
+void TavStoreElement(TavArraySlot& slot, const H& h) {
+  slot.obj = h.getImpl();
+}
+
+/// What operator[] of an array of handles returns: the element handle H
+/// itself, so every handle operation and conversion applies, whose
+/// assignment also stores the new object in the array.
+template <class H>
+class TavArrayElement : public H {
+ public:
+  TavArrayElement(const H& h, TavArraySlot& slot) : H(h), _slot(&slot) {}
+  TavArrayElement(const TavArrayElement&) = default;
+  TavArrayElement& operator=(const H& h) {
+    H::operator=(h);
+    TavStoreElement(*_slot, h);
+    return *this;
+  }
+  TavArrayElement& operator=(const TavArrayElement& e) { return *this = static_cast<const H&>(e); }
+
+ private:
+  TavArraySlot* _slot;
 };
 
 /// Handle over one model object.
@@ -146,7 +181,10 @@ class TavExtractableArray : public TavArrayBase {
  public:
   TavExtractableArray(TavArrayI* impl = nullptr) : TavArrayBase(impl) {}
   explicit TavExtractableArray(TavEnv env, TavInt n = 0) : TavArrayBase(Make(env, n)) {}
-  TavExtractable operator[](TavInt i) const { return TavExtractable(_impl->at(i).obj); }
+  TavArrayElement<TavExtractable> operator[](TavInt i) const {
+    TavArraySlot& s = _impl->at(i);
+    return TavArrayElement<TavExtractable>(TavExtractable(s.obj), s);
+  }
   void add(TavExtractable e) { addObject(e.getImpl()); }
   void add(TavExtractableArray other) { _impl->addArray(other._impl); }
   void addArray(TavExtractableArray other) { _impl->addArray(other._impl); }
@@ -249,15 +287,21 @@ class TavNumColumn : public TavAddNumVar {
   TavNumColumn(TavAddExtractableI* impl) : TavAddNumVar(impl) {}
   explicit TavNumColumn(TavEnv env);
   TavInt getSize() const { return _impl ? _impl->getInstalled().getSize() : 0; }
-  TavExtractable operator[](TavInt i) const { return _impl->getInstalled()[i]; }
+  /// The i-th installed object; the column's record is not assignable.
+  const TavExtractable operator[](TavInt i) const { return _impl->getInstalled()[i]; }
   void end();
 };
+
+inline void TavStoreElement(TavArraySlot& slot, const TavNumColumn& c) { slot.ptr = c.getImpl(); }
 
 class TavNumColumnArray : public TavArrayBase {
  public:
   TavNumColumnArray(TavArrayI* impl = nullptr) : TavArrayBase(impl) {}
   explicit TavNumColumnArray(TavEnv env, TavInt n = 0) : TavArrayBase(Make(env, n)) {}
-  TavNumColumn operator[](TavInt i) const { return TavNumColumn(static_cast<TavAddExtractableI*>(_impl->at(i).ptr)); }
+  TavArrayElement<TavNumColumn> operator[](TavInt i) const {
+    TavArraySlot& s = _impl->at(i);
+    return TavArrayElement<TavNumColumn>(TavNumColumn(static_cast<TavAddExtractableI*>(s.ptr)), s);
+  }
   void add(TavNumColumn c) {
     TavArraySlot s;
     s.ptr = c.getImpl();

@@ -16,9 +16,9 @@ TavInt TavTrunc(double x) {
   return (TavInt)x;
 }
 
-TavInt TavRound(double x) { return TavTrunc(std::round(x)); }
+double TavRound(double x) { return std::round(x); }
 
-TavInt TavVurRound(double x) { return TavTrunc(std::floor(x + 0.5)); }
+double TavVurRound(double x) { return std::floor(x + 0.5); }
 
 TavException::TavException(const char* message, long code)
     : _message(message ? message : ""), _hasMessage(message != nullptr), _code(code) {}

@@ -24,15 +24,17 @@ static_assert(sizeof(TavInt) == 8, "TavInt must be a signed 64-bit integer");
 
 /// The value used for unbounded bounds (IEEE infinity).
 double TavGetInfinity();
-/// Rounds to the nearest integer, halves away from zero.
-TavInt TavRound(double x);
+/// Rounds to the nearest integer, halves away from zero; not-a-number stays so.
+double TavRound(double x);
 /// Truncates towards zero; saturates outside the 64-bit range, NaN gives 0.
 TavInt TavTrunc(double x);
-/// Rounding of the modelling-language layer: nearest, halves towards +inf.
-TavInt TavVurRound(double x);
+/// Rounding of the modelling-language layer: nearest, halves towards +inf;
+/// not-a-number stays so.
+double TavVurRound(double x);
 
-/// A type token: the address of a class's own static function.
-typedef void (*TavTypeInfo)();
+/// A type token: the address of a class's own type-index static, a writable
+/// object, so that no linker folds the tokens of two classes into one.
+typedef const void* TavTypeInfo;
 
 /// Process-wide counter from which classes draw their type index.
 struct TavRtti {

@@ -2,6 +2,7 @@
 #include "env.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <mutex>
 
@@ -11,10 +12,13 @@
 TavMutex* TavEnvI::Mutex = nullptr;
 
 void TavAssignTypeIndex(TavInt& index) {
-  if (index != 0) return;
+  if (TavLoadTypeIndex(index) != 0) return;
+  // Never destroyed: classes may be asked for their index during static destruction.
+  static std::mutex* guard = new std::mutex;
+  std::lock_guard<std::mutex> hold(*guard);
   TavMutex* m = TavEnvI::Mutex;
   if (m) m->lock();
-  if (index == 0) index = ++TavRtti::_counter;
+  if (index == 0) __atomic_store_n(&index, ++TavRtti::_counter, __ATOMIC_RELEASE);
   if (m) m->unlock();
 }
 
@@ -25,8 +29,9 @@ void* TavMemoryManagerObjectI::operator new(std::size_t bytes, TavEnvI* env) { r
 // Called when a constructor throws: the object's bytes go back at once.
 void TavMemoryManagerObjectI::operator delete(void* p, TavEnvI* env) { env->free(p); }
 
+// An object of an ended environment has no memory left to give back.
 void TavMemoryManagerObjectI::operator delete(void* p, std::size_t) {
-  if (p) TavMemory::EnvOf(p)->free(p);
+  if (TavEnvI* env = p ? TavMemory::EnvOf(p) : nullptr) env->free(p);
 }
 
 // ---------------------------------------------------------------- visitors
@@ -49,7 +54,7 @@ TavExtractableI::ObjectHook TavExtractableI::_modifyCP = nullptr;
 TavTypeInfo TavExtractableI::GetBaseTypeInfo() { return nullptr; }
 TavInt TavExtractableI::GetTypeIndex() {
   InitTypeIndex();
-  return _rttiIndex;
+  return TavLoadTypeIndex(_rttiIndex);
 }
 void TavExtractableI::InitTypeIndex() { TavAssignTypeIndex(_rttiIndex); }
 
@@ -129,7 +134,7 @@ TavChange::ApplyHook TavChange::_applyCP = nullptr;
 TavTypeInfo TavChange::GetBaseTypeInfo() { return nullptr; }
 TavInt TavChange::GetTypeIndex() {
   InitTypeIndex();
-  return _rttiIndex;
+  return TavLoadTypeIndex(_rttiIndex);
 }
 void TavChange::InitTypeIndex() { TavAssignTypeIndex(_rttiIndex); }
 
@@ -179,15 +184,35 @@ TavInt TavTupleEncoderI::encode(const TavInt* values, TavInt n) {
 
 std::atomic<TavEnvI*> TavEnvI::_sole{nullptr};
 
+namespace {
+/// The live environments. Never destroyed: environments may end during
+/// static destruction.
+struct LiveEnvs {
+  std::mutex lock;
+  std::vector<TavEnvI*> envs;
+};
+LiveEnvs& liveEnvs() {
+  static LiveEnvs* live = new LiveEnvs;
+  return *live;
+}
+}  // namespace
+
 /// Keeps the list of live environments and, from it, the sole one.
 void TavPublishLiveEnv(TavEnvI* env, bool live) {
-  // Never destroyed: environments may end during static destruction.
-  static std::mutex* lock = new std::mutex;
-  static std::vector<TavEnvI*>* envs = new std::vector<TavEnvI*>;
-  std::lock_guard<std::mutex> guard(*lock);
-  if (live) envs->push_back(env);
-  else envs->erase(std::remove(envs->begin(), envs->end(), env), envs->end());
-  TavEnvI::_sole.store(envs->size() == 1 ? envs->front() : nullptr, std::memory_order_release);
+  LiveEnvs& l = liveEnvs();
+  std::lock_guard<std::mutex> guard(l.lock);
+  if (live) l.envs.push_back(env);
+  else l.envs.erase(std::remove(l.envs.begin(), l.envs.end(), env), l.envs.end());
+  TavEnvI::_sole.store(l.envs.size() == 1 ? l.envs.front() : nullptr, std::memory_order_release);
+}
+
+void TavEnvI::forgetClonesOf(const TavEnvI* ended) {
+  if (_cloneTarget == ended) _cloneTarget = nullptr;
+  // Read the owners from the chunk headers: a key may be an object destroyed since.
+  for (auto it = _clones.begin(); it != _clones.end();) {
+    if (TavMemory::EnvOf(it->first) == ended || TavMemory::EnvOf(it->second) == ended) it = _clones.erase(it);
+    else ++it;
+  }
 }
 
 TavEnvI::TavEnvI() : _memory(this), _terms(sizeof(TavNumLinExprTermI)) { TavPublishLiveEnv(this, true); }
@@ -202,6 +227,11 @@ TavInt TavEnvI::registerObject(TavExtractableI* obj) {
     _objects[id] = obj;
   } else {
     id = (TavInt)_objects.size();
+    // Destruction must not allocate (it runs in destructors and in the undo
+    // of failed operations): room for every identifier to be freed and every
+    // object to wait for destruction is made here, where failing is allowed.
+    if (_freeIds.capacity() <= (std::size_t)id) _freeIds.reserve(2 * (std::size_t)id + 16);
+    if (_pending.capacity() <= (std::size_t)id) _pending.reserve(2 * (std::size_t)id + 16);
     _objects.push_back(obj);
     try {
       _idTable.push_back(id);
@@ -221,7 +251,7 @@ void TavEnvI::unregisterObject(TavExtractableI* obj) {
   _objects[id] = nullptr;
   _idTable[id] = id;
   --_liveObjects;
-  _freeIds.push_back(id);  // capacity reserved as objects were registered
+  _freeIds.push_back(id);  // cannot allocate: capacity is reserved by registerObject
 }
 
 void** TavEnvI::getMarkArray() {
@@ -264,30 +294,62 @@ class ChildCollector : public TavExtractableVisitor {
 }  // namespace
 
 TavExtractableI* TavEnvI::cloneInto(TavExtractableI* root, TavEnvI* target) {
+  // A pass into another target starts afresh: a clone of one target is never
+  // handed to another.
+  if (target != _cloneTarget) {
+    _clones.clear();
+    _cloneTarget = target;
+  }
   // Post-order walk with an explicit stack: children are cloned before their
   // parents, and deep chains do not exhaust the call stack.
   struct Frame {
     TavExtractableI* obj;
     bool expanded;
   };
-  std::vector<Frame> stack{{root, false}};
-  while (!stack.empty()) {
-    Frame f = stack.back();
-    stack.pop_back();
-    if (getClone(f.obj)) continue;
-    if (!f.expanded) {
-      stack.push_back({f.obj, true});
-      ChildCollector c;
-      f.obj->visitSubExtractables(&c);
-      for (auto it = c.children.rbegin(); it != c.children.rend(); ++it)
-        if (!getClone(*it)) stack.push_back({*it, false});
-      continue;
+  std::vector<std::pair<TavExtractableI*, TavExtractableI*>> made;  // (source, clone)
+  try {
+    std::vector<Frame> stack{{root, false}};
+    while (!stack.empty()) {
+      Frame f = stack.back();
+      stack.pop_back();
+      if (getClone(f.obj)) continue;
+      if (!f.expanded) {
+        stack.push_back({f.obj, true});
+        ChildCollector c;
+        f.obj->visitSubExtractables(&c);
+        for (auto it = c.children.rbegin(); it != c.children.rend(); ++it)
+          if (!getClone(*it)) stack.push_back({*it, false});
+        continue;
+      }
+      if (made.size() == made.capacity()) made.reserve(2 * made.size() + 16);  // room first: the clone must be recorded
+      TavExtractableI* clone = f.obj->makeClone(target);
+      made.emplace_back(f.obj, clone);
+      setClone(f.obj, clone);
+      if (target != this) target->setClone(f.obj, clone);
     }
-    TavExtractableI* clone = f.obj->makeClone(target);
-    setClone(f.obj, clone);
-    if (target != this) target->setClone(f.obj, clone);
+  } catch (...) {
+    undoClones(made, target);
+    throw;
   }
   return getClone(root);
+}
+
+void TavEnvI::undoClones(const std::vector<std::pair<TavExtractableI*, TavExtractableI*>>& made, TavEnvI* target) {
+  for (const auto& m : made) {
+    _clones.erase(m.first);
+    target->_clones.erase(m.first);
+  }
+  // Parents were made after their children: ending the unheld clones from the
+  // last one on frees every counted node once; what remains (variables, held
+  // by no count) is destroyed after them.
+  std::unordered_set<TavExtractableI*> alive;
+  for (const auto& m : made) alive.insert(m.second);
+  target->_undone = &alive;
+  for (auto it = made.rbegin(); it != made.rend(); ++it)
+    if (alive.count(it->second) && it->second->isRefCountedExpr() && !it->second->mayBeHeld()) it->second->end();
+  for (auto it = made.rbegin(); it != made.rend(); ++it)
+    if (alive.count(it->second)) target->destroy(it->second);
+  target->_undone = nullptr;
 }
 
 void TavEnvI::destroy(TavExtractableI* obj, long) {
@@ -313,17 +375,27 @@ void TavEnvI::destroy(TavExtractableI* obj, long) {
   _destroying = false;
 }
 
-void TavEnvI::destroyNow(TavExtractableI* obj) { delete obj; }
+void TavEnvI::destroyNow(TavExtractableI* obj) {
+  if (_undone) _undone->erase(obj);
+  delete obj;
+}
 
 void TavEnvI::removeFromAllAndDestroy(TavExtractableI* obj, long) {
   if (_ending || obj == nullptr) return;
   TavInt id = obj->getId();
-  if (id >= 0) {
+  // An object nothing can hold is destroyed at once: ending a chain of n
+  // nodes then costs n steps, not n scans of the whole environment.
+  if (id >= 0 && obj->mayBeHeld()) {
     _idTable[id] = -1;
-    // Tell every other object; index-based since atRemove may destroy nodes.
-    for (std::size_t i = 0; i < _objects.size(); ++i) {
-      TavExtractableI* other = _objects[i];
-      if (other && other != obj) other->atRemove(obj, nullptr);
+    try {
+      // Tell every other object; index-based since atRemove may destroy nodes.
+      for (std::size_t i = 0; i < _objects.size(); ++i) {
+        TavExtractableI* other = _objects[i];
+        if (other && other != obj) other->atRemove(obj, nullptr);
+      }
+    } catch (...) {
+      _idTable[id] = id;
+      throw;
     }
     _idTable[id] = id;
   }
@@ -337,6 +409,9 @@ void TavEnvI::change(const TavChange& c) const {
 }
 
 TavVarDomainI* TavEnvI::getOrMakeSharedDomain(double lb, double ub) {
+  // Not-a-number is unordered and would match every key of the table: such
+  // bounds get a private domain, which the variable owns and ends.
+  if (std::isnan(lb) || std::isnan(ub)) return new (this) TavNumVarDomainI(lb, ub);
   auto key = std::make_pair(lb, ub);
   auto it = _sharedNum.find(key);
   if (it != _sharedNum.end()) return it->second;
@@ -388,6 +463,12 @@ void TavEnvI::end() {
   if (_ended) return;
   _ending = true;
   TavPublishLiveEnv(this, false);
+  {
+    // No other environment keeps a pair that leads into this one.
+    LiveEnvs& l = liveEnvs();
+    std::lock_guard<std::mutex> guard(l.lock);
+    for (TavEnvI* other : l.envs) other->forgetClonesOf(this);
+  }
   // Algorithms made for the environment go with it; others are detached.
   std::vector<TavAlgorithmI*> algs;
   algs.swap(_algorithms);

@@ -11,6 +11,7 @@
 #include <memory>
 #include <ostream>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -38,8 +39,11 @@ class TavModelEvaluator;
 class TavTupleEncoderI;
 
 /// Assigns a class's type index on first request: the test is repeated under
-/// TavEnvI::Mutex, so indices follow the order of first requests.
+/// a lock (and TavEnvI::Mutex when set), so indices follow the order of first
+/// requests even when threads race.
 void TavAssignTypeIndex(TavInt& index);
+/// Reads a type index that another thread may be assigning.
+inline TavInt TavLoadTypeIndex(const TavInt& index) { return __atomic_load_n(&index, __ATOMIC_ACQUIRE); }
 
 /// One cell of a linear sum: variable, next cell, coefficient (24 bytes).
 /// In the non-linear part list of a linear node the first slot holds a node.
@@ -55,6 +59,11 @@ class TavNumLinExprTermI {
   double _coef;
 };
 static_assert(sizeof(TavNumLinExprTermI) == 24, "term cells are three words");
+
+/// The next-cell mark of a cell that no list holds yet. A term handle's cell
+/// is taken by the first expression it enters; the mark lets a second use be
+/// refused instead of linking one cell into two places.
+inline TavNumLinExprTermI* TavFreshCell() { return reinterpret_cast<TavNumLinExprTermI*>(alignof(TavNumLinExprTermI)); }
 
 /// The environment of a variable without reading the variable.
 inline TavEnvI* TavVarEnv(const TavNumVarI* var);
@@ -87,7 +96,7 @@ class TavChangeVisitor {
 /// environment, and deletion that returns the bytes to it.
 class TavMemoryManagerObjectI {
  public:
-  /// The environment whose memory holds this object.
+  /// The environment whose memory holds this object; null once it has ended.
   TavEnvI* getEnv() const { return TavMemory::EnvOf(this); }
   static void* operator new(std::size_t bytes, TavEnvI* env);
   static void operator delete(void* p, TavEnvI* env);
@@ -104,13 +113,13 @@ class TavExtractableI : public TavMemoryManagerObjectI {
   TavExtractableI& operator=(const TavExtractableI&) = delete;
 
   static TavTypeInfo GetBaseTypeInfo();
-  static TavTypeInfo GetTypeInfo() { return reinterpret_cast<TavTypeInfo>(&TavExtractableI::GetBaseTypeInfo); }
+  static TavTypeInfo GetTypeInfo() { return &_rttiIndex; }
   static TavInt GetTypeIndex();
   static void InitTypeIndex();
   static const char* GetRttiTypeName() { return "TavExtractableI"; }
   static TavInt GetExtractableSize() { return sizeof(TavExtractableI); }
 
-  virtual TavInt getTypeIndex() const { return _rttiIndex; }
+  virtual TavInt getTypeIndex() const { return TavLoadTypeIndex(_rttiIndex); }
   virtual TavTypeInfo getTypeInfo() const { return GetTypeInfo(); }
   virtual bool isType(TavTypeInfo t) const { return t == GetTypeInfo(); }
   virtual const char* getRttiTypeName() const { return GetRttiTypeName(); }
@@ -133,6 +142,9 @@ class TavExtractableI : public TavMemoryManagerObjectI {
   virtual void whenRemovedFromCP(TavAlgorithm alg, void* data) const;
   virtual bool hasNongroundType() const { return false; }
   virtual bool isDecisionExpr() const { return false; }
+  /// False when no object of the environment can be holding this one, so
+  /// that removing it need not tell them (a node whose count fell to zero).
+  virtual bool mayBeHeld() const { return true; }
 
   TavEnvI* getEnv() const { return _env; }
   TavInt getId() const { return _id; }
@@ -161,13 +173,13 @@ class TavChange {
   virtual ~TavChange() = default;
 
   static TavTypeInfo GetBaseTypeInfo();
-  static TavTypeInfo GetTypeInfo() { return reinterpret_cast<TavTypeInfo>(&TavChange::GetBaseTypeInfo); }
+  static TavTypeInfo GetTypeInfo() { return &_rttiIndex; }
   static TavInt GetTypeIndex();
   static void InitTypeIndex();
   static const char* GetRttiTypeName() { return "TavChange"; }
   static TavInt GetExtractableSize() { return sizeof(TavChange); }
 
-  virtual TavInt getTypeIndex() const { return _rttiIndex; }
+  virtual TavInt getTypeIndex() const { return TavLoadTypeIndex(_rttiIndex); }
   virtual TavTypeInfo getTypeInfo() const { return GetTypeInfo(); }
   virtual bool isType(TavTypeInfo t) const { return t == GetTypeInfo(); }
   virtual const char* getRttiTypeName() const { return GetRttiTypeName(); }
@@ -347,18 +359,19 @@ class TavEnvI {
   /// Returns memory from alloc (the size is known to the memory).
   void free(void* p, std::size_t = 0) { _memory.free(p); }
   TavMemory& getMemory() { return _memory; }
-  /// A fresh term cell (var, coef) with next = null.
+  /// A fresh term cell (var, coef), marked as held by no list (TavFreshCell).
   TavNumLinExprTermI* newTerm(TavNumVarI* var, double coef) {
     _memory.chargeAllocation();
     TavNumLinExprTermI* t = static_cast<TavNumLinExprTermI*>(_terms.allocateBlock(&_memory));
     t->_var = var;
-    t->_next = nullptr;
+    t->_next = TavFreshCell();
     t->_coef = coef;
     ++_liveTerms;
     return t;
   }
   void recycleTerm(TavNumLinExprTermI* t) {
     --_liveTerms;
+    t->_next = nullptr;  // a stale term handle must not pass for a fresh one
     _terms.deallocate(t);
   }
   TavInt getLiveTermCount() const { return _liveTerms; }
@@ -388,7 +401,9 @@ class TavEnvI {
   /// Ends the current cloning pass.
   void clearCloneMap() { _clones.clear(); }
   /// Clones obj and, first, every object below it into target; the pairs are
-  /// recorded in both environments for the rest of the pass.
+  /// recorded in both environments for the rest of the pass. A pass into
+  /// another target starts with an empty map; a failed pass leaves no clone
+  /// and no pair behind.
   TavExtractableI* cloneInto(TavExtractableI* obj, TavEnvI* target);
 
   // Destruction.
@@ -404,6 +419,8 @@ class TavEnvI {
   void adoptAlgorithm(TavAlgorithmI* alg) { alg->_ownedByEnv = true; }
 
   // Domains.
+  /// The environment's domain for these bounds; a new private one (the
+  /// caller's to end) when a bound is not a number.
   TavVarDomainI* getOrMakeSharedDomain(double lb, double ub);
   TavVarDomainI* getOrMakeSharedDomain(TavInt lb, TavInt ub);
   TavVarDomainI* getOrMakeSharedDomain(const TavNumRangeI* range);
@@ -418,6 +435,9 @@ class TavEnvI {
  private:
   friend class TavAlgorithmI;
   void destroyNow(TavExtractableI* obj);
+  /// Drops every pair whose source or clone belongs to an ending environment.
+  void forgetClonesOf(const TavEnvI* ended);
+  void undoClones(const std::vector<std::pair<TavExtractableI*, TavExtractableI*>>& made, TavEnvI* target);
 
   bool _librarySyntaxDisplay = false;
   bool _normalizationSkipped = false;
@@ -449,6 +469,8 @@ class TavEnvI {
   std::deque<MarkArray> _markArrays;
 
   std::unordered_map<const TavExtractableI*, TavExtractableI*> _clones;
+  TavEnvI* _cloneTarget = nullptr;                       // target of the current cloning pass
+  std::unordered_set<TavExtractableI*>* _undone = nullptr;  // clones of a failed pass not yet freed
   std::vector<TavAlgorithmI*> _algorithms;
   std::map<std::pair<double, double>, TavVarDomainI*> _sharedNum;
   std::map<std::pair<TavInt, TavInt>, TavVarDomainI*> _sharedInt;
@@ -456,13 +478,11 @@ class TavEnvI {
   std::unique_ptr<TavTupleEncoderI> _tuples;
 };
 
-/// Most programs have one environment: then no memory is read at all.
-/// Otherwise the header of the variable's memory chunk tells: building a
-/// large sum then touches the cells only, not one scattered variable per term.
-inline TavEnvI* TavVarEnv(const TavNumVarI* var) {
-  TavEnvI* sole = TavEnvI::Sole();
-  return sole ? sole : TavMemory::EnvOf(var);
-}
+/// The owner of the variable's memory chunk tells, also when other
+/// environments live: building a large sum then touches the cells and a few
+/// lines of the owner table, not one scattered variable per term. Null for a
+/// variable whose environment has ended.
+inline TavEnvI* TavVarEnv(const TavNumVarI* var) { return TavMemory::EnvOf(var); }
 
 /// Handle over an environment. A default-constructed TavEnv makes a new one.
 class TavEnv {

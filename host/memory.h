@@ -1,9 +1,11 @@
-// Environment memory: size-class free lists over 64 KiB chunks, a fixed-size
-// allocator for term cells, allocation-failure injection for tests, and the
-// sanitizer poisoning that keeps recycled memory visible to AddressSanitizer.
+// Environment memory: size-class free lists over 64 KiB chunks carved from
+// mapped regions, a fixed-size allocator for term cells, allocation-failure
+// injection for tests, and the sanitizer poisoning that keeps recycled memory
+// visible to AddressSanitizer.
 #ifndef TAV_HOST_MEMORY_H
 #define TAV_HOST_MEMORY_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <new>
@@ -28,25 +30,69 @@
 #define TAV_UNPOISON(p, n) ((void)(p), (void)(n))
 #endif
 
+/// Marks a function that passes on the object pointer of a handle, which may
+/// have outlived its environment: the pointer is checked through its chunk
+/// header, so the sanitizer must not inspect the object itself.
+#if defined(__GNUC__)
+#define TAV_HANDLE_POINTER __attribute__((no_sanitize("vptr")))
+#else
+#define TAV_HANDLE_POINTER
+#endif
+
 class TavEnvI;
 class TavMemory;
 
 /// Every chunk starts on a 64 KiB boundary with this header, so any pointer
 /// handed out by an environment leads back to it by masking.
 struct TavChunkHeader {
-  TavEnvI* env;
-  TavChunkHeader* prev;
+  TavEnvI* env;            // null for a dead chunk or a free large one
+  TavChunkHeader* prev;    // large chunks: the live or the spare list
   TavChunkHeader* next;
-  std::size_t bytes;      // whole chunk, header included
-  std::size_t slotBytes;  // size class of a small-object chunk, 0 for a large one
-  std::size_t mapped;     // 1 when carved from a huge-page region, else 0
+  std::size_t bytes;       // bytes reserved: the chunk, header included
+  std::size_t slotBytes;   // size class of a slab chunk, 0 for a large one
+  std::size_t cls;         // class index of a slab chunk
+  std::size_t extent;      // address space of a large chunk (64 KiB multiple)
+  std::size_t ownMapping;  // 1 when a large chunk is a mapping of its own
 };
 
 constexpr std::size_t TavChunkAlign = std::size_t(1) << 16;
 constexpr std::size_t TavChunkHeaderSize = 64;
+static_assert(sizeof(TavChunkHeader) == TavChunkHeaderSize, "the header fills its slot");
 
-/// Memory of one environment. Freed memory goes to a free list per size
-/// class; everything is returned to the system when the environment ends.
+/// The owner of every 64 KiB unit of address space that environments ever
+/// used, in a two-level table: the owners of neighbouring chunks sit side by
+/// side, so checking the environment of many scattered variables touches a
+/// few cache lines rather than one chunk header each (headers all fall in the
+/// same cache sets). A unit reads null until a chunk is made there and again
+/// once it is released, for ever after: leaves are never unmapped, so a
+/// dangling pointer of an ended environment reads null and never faults.
+struct TavChunkOwners {
+  static constexpr unsigned LeafBits = 16;
+  static constexpr unsigned TopBits = 47 - 16 - LeafBits;
+  typedef std::atomic<TavEnvI*> Leaf[std::size_t(1) << LeafBits];
+  static std::atomic<Leaf*> Top[std::size_t(1) << TopBits];
+
+  static TavEnvI* Get(const void* p) {
+    const std::uintptr_t unit = reinterpret_cast<std::uintptr_t>(p) >> 16;
+    Leaf* leaf = Top[(unit >> LeafBits) & ((std::uintptr_t(1) << TopBits) - 1)].load(std::memory_order_acquire);
+    return leaf ? (*leaf)[unit & ((std::uintptr_t(1) << LeafBits) - 1)].load(std::memory_order_relaxed) : nullptr;
+  }
+  /// Makes sure a leaf covers [base, base + bytes); false when the system has no memory for it.
+  static bool Cover(const char* base, std::size_t bytes);
+  /// Records env as the owner of the units of [base, base + bytes) (covered before).
+  static void Set(const char* base, std::size_t bytes, TavEnvI* env);
+};
+
+/// Address space mapped for environments: 64 KiB-aligned, whole pages.
+struct TavMemorySpan {
+  char* base;
+  std::size_t bytes;
+};
+
+/// Memory of one environment. Objects up to SlabLimit bytes come from size
+/// classes (8-byte steps up to 512, then steps of at most 1/4) packed in 64
+/// KiB chunks; larger ones get a chunk of their own, rounded to the page.
+/// Everything is returned to the system when the environment ends.
 class TavMemory {
  public:
   explicit TavMemory(TavEnvI* env);
@@ -54,7 +100,16 @@ class TavMemory {
   TavMemory(const TavMemory&) = delete;
   TavMemory& operator=(const TavMemory&) = delete;
 
-  void* alloc(std::size_t bytes);
+  void* alloc(std::size_t bytes) {
+    chargeAllocation();
+    if (TAV_LIKELY(bytes <= SmallLimit)) {
+      std::size_t cls = bytes == 0 ? 1 : (bytes + 7) / 8;
+      void* p = allocClass(cls);
+      _liveBytes += cls * 8;
+      return p;
+    }
+    return allocLarger(bytes);
+  }
   /// Returns memory from alloc; its size is read from its chunk.
   void free(void* p);
   /// Releases every chunk at once.
@@ -64,8 +119,9 @@ class TavMemory {
     return reinterpret_cast<TavChunkHeader*>(reinterpret_cast<std::uintptr_t>(p) &
                                              ~(std::uintptr_t)(TavChunkAlign - 1));
   }
-  /// The environment that owns a pointer handed out by any TavMemory.
-  static TavEnvI* EnvOf(const void* p) { return ChunkOf(p)->env; }
+  /// The environment that owns a pointer handed out by any TavMemory; null
+  /// once that environment has ended or the memory was freed.
+  static TavEnvI* EnvOf(const void* p) { return TavChunkOwners::Get(p); }
 
   /// Makes the k-th allocation from now (k >= 1) throw std::bad_alloc; 0 disarms.
   void failAfter(TavInt k) { _failCountdown = k; }
@@ -77,36 +133,62 @@ class TavMemory {
 
   /// Bytes currently handed out (size-class rounded) and not freed.
   std::size_t getLiveBytes() const { return _liveBytes; }
-  /// Bytes reserved from the system.
+  /// Bytes reserved from the system: whole slab chunks, and large chunks
+  /// rounded to the page.
   std::size_t getReservedBytes() const { return _reservedBytes; }
 
-  /// A 64 KiB-aligned chunk of at least `bytes` payload, linked for release.
-  void* newChunk(std::size_t bytes, std::size_t slotBytes = 0);
+  /// A fresh 64 KiB slab chunk for blocks of slotBytes (class cls); returns its payload.
+  void* newSlabChunk(std::size_t slotBytes, std::size_t cls);
+
+  /// Largest object served from a size class.
+  static constexpr std::size_t SlabLimit = 16368;
+  /// The size of class cls (cls < ClassCount), and the class of a size up to SlabLimit.
+  static std::size_t ClassSize(std::size_t cls);
+  static std::size_t ClassOf(std::size_t bytes);
+  static constexpr std::size_t SmallLimit = 512;
+  static constexpr std::size_t MidClasses = 24;
+  static constexpr std::size_t ClassCount = SmallLimit / 8 + 1 + MidClasses;
+
+  /// Address space of dead chunks that must wait before a new chunk may
+  /// reuse it: a dangling pointer soon after an end reads a dead header.
+  static constexpr std::size_t QuarantineBytes = std::size_t(1) << 30;
 
  private:
-  static constexpr std::size_t SmallLimit = 512;
-  static constexpr std::size_t Classes = SmallLimit / 8 + 1;
+  void* allocClass(std::size_t cls) {
+    if (void* p = _free[cls]) {
+      TAV_UNPOISON(p, _size[cls]);
+      _free[cls] = *static_cast<void**>(p);
+      return p;
+    }
+    return carve(cls);
+  }
+  void* carve(std::size_t cls);
+  void* allocLarger(std::size_t bytes);
+  void* allocLarge(std::size_t bytes);
+  void freeLarge(TavChunkHeader* h);
+  /// 64 KiB-aligned address space for a chunk of extent bytes, in the current region or a new one.
+  char* takeSpace(std::size_t extent);
+  bool newRegion(std::size_t atLeast);
 
-  void* allocSmall(std::size_t cls);
-  void freeLarge(void* p);
-  /// Raw memory for a chunk of total bytes; mapped tells whether it came from a region.
-  void* rawChunk(std::size_t total, std::size_t slotBytes, std::size_t& mapped);
-  bool newRegion();
-
-  // Once an environment is large, its small chunks come from 2 MiB regions
-  // that the system may back with huge pages: models of millions of
-  // objects then need far fewer page faults and address translations.
+  // Slab chunks and large chunks are carved from regions mapped for this
+  // environment; regions grow to 2 MiB, which the system may back with
+  // huge pages once the environment is large.
+  static constexpr std::size_t FirstRegionBytes = std::size_t(1) << 19;
   static constexpr std::size_t RegionBytes = std::size_t(1) << 21;
-  static constexpr std::size_t RegionThreshold = std::size_t(4) << 20;
-  std::vector<void*> _regions;
+  static constexpr std::size_t HugeThreshold = std::size_t(4) << 20;
+  static constexpr std::size_t SpareLists = RegionBytes / TavChunkAlign + 1;
+  std::vector<TavMemorySpan> _regions;
+  std::size_t _nextRegionBytes = FirstRegionBytes;
   char* _regionNext = nullptr;
   char* _regionEnd = nullptr;
 
   TavEnvI* _env;
-  void* _free[Classes];
-  char* _bump[Classes];
-  char* _bumpEnd[Classes];
-  TavChunkHeader* _chunks;
+  void* _free[ClassCount];
+  char* _bump[ClassCount];
+  char* _bumpEnd[ClassCount];
+  std::size_t _size[ClassCount];
+  TavChunkHeader* _large;                // live large chunks
+  TavChunkHeader* _spare[SpareLists];    // freed large chunks of a region, by extent
   TavInt _failCountdown;
   std::size_t _liveBytes;
   std::size_t _reservedBytes;

@@ -204,16 +204,20 @@ TEST(Environment, InjectedAllocationFailuresLeaveCountsAsTheyWere) {
   env.end();
 }
 
-TEST(Environment, FailedSumsRecycleTheTermCellsTheyWereGiven) {
+TEST(Environment, FailedSumsLeaveTheTermCellsTheyWereGivenToTheirHandles) {
   TavEnv env;
   TavNumVar x(env, 0, 1, "x"), y(env, 0, 1, "y");
   TavMemory& mem = env.getImpl()->getMemory();
-  for (TavInt k = 2; k <= 3; ++k) {  // 2 * y has its cell; x's cell or the node fails
+  for (TavInt k = 1; k <= 2; ++k) {  // x's cell or the node fails
     SCOPED_TRACE(k);
     TavNumLinExprTerm t = 2 * y;
-    mem.failAfter(k - 1);
+    mem.failAfter(k);
     EXPECT_THROW(x + t, std::bad_alloc);
     mem.failAfter(0);
+    EXPECT_EQ(env.getImpl()->getLiveTermCount(), 1);
+    TavExpr e(x + t);  // the handle is still good
+    EXPECT_EQ(show(e), "x  + 2 * y ");
+    e.end();
     EXPECT_EQ(env.getImpl()->getLiveTermCount(), 0);
   }
   env.end();

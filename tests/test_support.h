@@ -43,6 +43,7 @@ std::string messageOf(F&& f) {
 
 /// A change record class of the tests' own.
 class NoteChange : public TavChangeNode<NoteChange> {
+  TAV_CHANGE_STATICS
  public:
   static constexpr const char* RttiName = "NoteChange";
   using TavChangeNode::TavChangeNode;
