@@ -1,0 +1,149 @@
+// Differential fuzzing of the expression layer: a generator of random
+// programs over the public handles, a reference model of what each program
+// computes (written from the arithmetic), and a runner that executes the
+// program against the library and compares the two.
+#ifndef TAV_TESTS_FUZZ_H
+#define TAV_TESTS_FUZZ_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace tavfuzz {
+
+/// Families of programs that touch known-fragile paths; each can be left out.
+struct Options {
+  bool aliasing = true;        ///< h op= x where x is or contains h itself
+  bool termReuse = true;       ///< one term handle added twice
+  bool intConversion = true;   ///< numeric or copying operations on counted integer linear nodes
+  bool emptyAlgorithm = true;  ///< evaluation through an empty algorithm handle
+  bool allocFailure = true;    ///< an allocation failing inside one operation
+  bool deep = true;            ///< chains deep enough to overflow a recursive destructor
+  /// Reads "--no-aliasing" and the like; false for an unknown flag.
+  bool parse(const char* arg);
+};
+
+/// Random choices from a seed, or from a fuzzer's bytes (zeros once used up).
+class Source {
+ public:
+  explicit Source(std::uint64_t seed) : _state(seed) {}
+  Source(const std::uint8_t* data, std::size_t size) : _data(data), _size(size) {}
+  std::uint32_t below(std::uint32_t n);
+  bool percent(std::uint32_t p) { return below(100) < p; }
+
+ private:
+  std::uint64_t _state = 0;
+  const std::uint8_t* _data = nullptr;
+  std::size_t _size = 0;
+};
+
+/// The C++ type of a value in a program, in the runner's variant order.
+enum Kind : std::uint8_t {
+  KDouble, KLong, KInt, KNumVar, KIntVar, KBoolVar, KNumTerm, KIntTerm,
+  KNumArg, KIntArg, KNumExpr, KIntExpr, KExpr, KNone
+};
+enum Op : std::uint8_t {
+  OLeaf, ONeg, OAdd, OSub, OMul, ODiv, OMod, OIDiv, OMin, OMax,  // the runner's operator table
+  OTermTwice, OMinArr, OMaxArr, OSum, OScalProd
+};
+constexpr int BinaryOps = OMax + 1;
+enum ArrayKind : std::uint8_t { ANumExpr, AIntExpr, ANumVar, AIntVar };
+
+struct Node {
+  Op op = OLeaf;
+  Kind kind = KNone;  ///< the C++ type of the result
+  ArrayKind array = ANumExpr;
+  double num = 0;               ///< number leaf
+  int index = -1;               ///< variable or slot leaf
+  bool numbersFirst = false;    ///< scalar product: number array first
+  bool intNumbers = false;      ///< scalar product: TavIntArray
+  std::vector<Node> kids;       ///< operands, or array elements (scalar product: a then b)
+  std::vector<double> numbers;  ///< scalar product: the number array
+};
+
+enum StmtKind : std::uint8_t {
+  SDecl, SCompound, SClear, SSetConst, SSetCoef, SSetCoefs, SRemove, SNormalize, SCopy, SEnd,
+  STermTwice, SEmptyAlg, SDeep
+};
+
+struct Stmt {
+  StmtKind kind = SDecl;
+  Kind handle = KNone;  ///< declared handle type (KNumExpr, KIntExpr, KExpr)
+  int slot = -1;        ///< the handle acted on (a new one for SDecl and SCopy)
+  char op = 0;          ///< compound: '+', '-', '*', '/'
+  Node rhs;
+  std::vector<int> vars;
+  std::vector<double> coefs;
+  int failAfter = 0;    ///< first run with the k-th allocation failing
+};
+
+struct Program {
+  int numVars = 0, intVars = 0, boolVars = 0;  ///< variables: numeric, then integer, then Boolean
+  std::vector<double> values;
+  std::vector<Stmt> stmts;
+  std::string print() const;
+  std::string varName(int v) const;
+};
+
+// ------------------------------------------------------------ reference
+
+struct Cell {
+  int var;
+  double coef;
+};
+enum RefKind : std::uint8_t { RNumber, RNumLin, RIntLin, RNumNode, RIntNode };
+enum Tri : std::uint8_t { No, Yes, Maybe };
+
+/// What the reference knows of one value: a number, a linear node (its cells
+/// in list order, constant and non-linear parts), or an opaque node.
+struct Ref {
+  RefKind kind = RNumber;
+  double v = 0;                ///< number, or value of a node
+  std::vector<Cell> cells;
+  double cst = 0;
+  std::vector<double> parts;   ///< values of the non-linear parts, in list order
+  Tri norm = No;               ///< the node's normalized flag
+  bool counted = false;        ///< held by a counted handle: operators copy it
+  bool held = false;           ///< may also be an operand of another node
+  bool unknown = false;        ///< layout of cells and parts not predicted; the value is
+  bool throws = false;         ///< evaluation throws
+  bool var = false;            ///< a variable, not yet a linear node
+  double mag = 0;              ///< bound on every number inside
+  bool linear() const { return kind == RNumLin || kind == RIntLin; }
+};
+
+/// The reference state of a program: one entry per handle ever declared
+/// (null once ended); handles declared as sharing a node share the entry.
+class Model {
+ public:
+  explicit Model(const Program& p) : _p(p) {}
+  double value(const Ref& r) const;
+  Ref eval(const Node& n) const;
+  /// Applies a statement; returns the merges of a normalisation.
+  int apply(const Stmt& s);
+  /// Merges duplicate cells as normalisation does; returns the merges.
+  static int normalize(Ref& r);
+  std::vector<std::shared_ptr<Ref>> slots;
+  std::vector<Kind> kinds;
+
+ private:
+  Ref binary(Op op, bool isInt, const Ref& a, const Ref& b) const;
+  Ref& own(int slot);
+  const Program& _p;
+};
+
+/// The runner's table: the result type of op over operands of types a and b
+/// (b is KNone for negation), KNone when no overload applies.
+Kind resultKind(Op op, Kind a, Kind b);
+/// Whether h op= x compiles for a handle of type h and an operand of type x.
+bool assignable(Kind h, char op, Kind x);
+
+Program generate(Source& src, const Options& opts);
+/// Runs the program; empty when the library agreed with the reference.
+std::string run(const Program& p);
+
+}  // namespace tavfuzz
+
+#endif

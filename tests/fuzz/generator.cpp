@@ -1,0 +1,443 @@
+// The program generator and printer. Generation runs the reference model
+// alongside, so that it can keep integer divisions away from zero, integer
+// values inside the 64-bit range, and removals away from the dropped-tail
+// layout that the linear node keeps on purpose.
+#include <cmath>
+#include <sstream>
+
+#include "fuzz.h"
+
+namespace tavfuzz {
+
+bool Options::parse(const char* arg) {
+  const std::string a(arg);
+  bool Options::*flags[] = {&Options::aliasing, &Options::termReuse, &Options::intConversion,
+                            &Options::emptyAlgorithm, &Options::allocFailure, &Options::deep};
+  const char* names[] = {"aliasing", "term-reuse", "int-conversion", "empty-algorithm", "alloc-failure", "deep"};
+  for (int i = 0; i < 6; ++i) {
+    if (a == std::string("--no-") + names[i]) this->*flags[i] = false;
+    else if (a == std::string("--allow-") + names[i]) this->*flags[i] = true;
+    else continue;
+    return true;
+  }
+  return false;
+}
+
+std::uint32_t Source::below(std::uint32_t n) {
+  if (n <= 1) return 0;
+  if (_data == nullptr) {  // splitmix64
+    std::uint64_t z = (_state += 0x9E3779B97F4A7C15ull);
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    return (std::uint32_t)((z ^ (z >> 31)) % n);
+  }
+  std::uint32_t r = 0;
+  for (std::uint32_t span = 1; span < n && span < (1u << 24); span <<= 8) {
+    r = (r << 8) | (_size ? *_data : 0);
+    if (_size) ++_data, --_size;
+  }
+  return r % n;
+}
+
+namespace {
+
+const double Numbers[] = {0, 1, -1, 2, -2, 0.5, -0.5, 3, -3, 0.25, 1.5, -4};
+const double Divisors[] = {1, -1, 2, -2, 0.5, -0.5, 4, 0.25};
+const double IntLimit = 1099511627776.0;  // 2^40: integer values and constants stay far from overflow
+
+bool isNumber(Kind k) { return k <= KInt; }
+bool isTerm(Kind k) { return k == KNumTerm || k == KIntTerm; }
+bool isIntKind(Kind k) {
+  return k == KLong || k == KInt || k == KIntVar || k == KBoolVar || k == KIntTerm || k == KIntArg || k == KIntExpr;
+}
+bool isSlot(const Node& n) { return n.op == OLeaf && n.kind >= KNumExpr; }
+bool mentions(const Node& n, int slot) {
+  if (isSlot(n) && n.index == slot) return true;
+  for (const Node& k : n.kids)
+    if (mentions(k, slot)) return true;
+  return false;
+}
+
+struct Gen {
+  Source& src;
+  const Options& o;
+  Program& p;
+  Model m;
+
+  int pick(int n) { return (int)src.below((std::uint32_t)n); }
+  template <std::size_t N>
+  double from(const double (&pool)[N]) { return pool[pick((int)N)]; }
+
+  Node number(bool integer, bool divisor) {
+    Node n;
+    n.kind = integer ? (pick(2) ? KLong : KInt) : (Kind)pick(3);
+    n.num = divisor ? from(Divisors) : from(Numbers);
+    if (n.kind != KDouble) n.num = divisor ? (pick(2) ? 2 : -3) : pick(8) - 3;
+    return n;
+  }
+  Node var(bool wantInt) {
+    Node n;
+    const int nv = (int)p.values.size();
+    n.index = wantInt ? p.numVars + pick(nv - p.numVars) : pick(nv);
+    if (n.index < p.numVars) n.kind = KNumVar;
+    else if (n.index < p.numVars + p.intVars) n.kind = wantInt || pick(2) ? KIntVar : KNumVar;
+    else n.kind = (Kind)(wantInt ? KIntVar + pick(2) : KNumVar + pick(3));
+    return n;
+  }
+  std::vector<int> live(bool wantInt, bool exprOnly) {
+    std::vector<int> out;
+    for (std::size_t i = 0; i < m.slots.size(); ++i)
+      if (m.slots[i] && (!wantInt || m.kinds[i] == KIntExpr) && (!exprOnly || m.kinds[i] == KExpr)) out.push_back((int)i);
+    return out;
+  }
+  Node leaf(bool wantInt) {
+    std::vector<int> slots = live(wantInt, false);
+    const int choice = pick(3);
+    if (choice == 0 && !slots.empty()) {
+      Node n;
+      n.index = slots[pick((int)slots.size())];
+      n.kind = m.kinds[n.index];
+      return n;
+    }
+    return choice == 2 ? number(wantInt, false) : var(wantInt);
+  }
+  /// Counted integer linear nodes, where copying or converting them is fragile.
+  bool intLinSlot(const Node& n) const {
+    return isSlot(n) && (m.slots[n.index]->kind == RIntLin || m.slots[n.index]->unknown);
+  }
+  bool acceptable(const Node& n) {
+    if (n.kind == KNone) return false;
+    const bool intResult = isIntKind(n.kind);
+    for (const Node& k : n.kids) {
+      if (intResult && k.kind == KDouble) return false;  // would be narrowed, not computed
+      if (!o.intConversion && intLinSlot(k) &&
+          !(n.op == OMod || n.op == OIDiv || n.op == OMin || n.op == OMax || n.op == OMinArr || n.op == OMaxArr ||
+            (n.op == OMul && n.kind == KIntArg && !isNumber(n.kids[0].kind) && !isNumber(n.kids[1].kind))))
+        return false;
+    }
+    const Ref r = m.eval(n);
+    if (intResult && !(r.mag < IntLimit)) return false;
+    if (n.op == OMod || n.op == OIDiv) {  // truncated operands in range, divisor not zero
+      const Ref a = m.eval(n.kids[0]), b = m.eval(n.kids[1]);
+      const double x = m.value(a), y = m.value(b);
+      if (a.throws || b.throws || !(std::fabs(x) < IntLimit) || !(std::fabs(y) < IntLimit) || (long long)y == 0)
+        return false;
+    }
+    return true;
+  }
+  Node expr(int depth, bool wantInt) {
+    if (depth <= 0 || src.percent(25)) return leaf(wantInt);
+    for (int tries = 0; tries < 6; ++tries) {
+      Node n;
+      n.op = (Op)(ONeg + pick(OScalProd));
+      if (n.op == OTermTwice && !o.termReuse) continue;
+      if (n.op >= OMinArr) aggregate(n, depth, wantInt);
+      else if (n.op == OTermTwice) {
+        Node t;
+        t.op = OMul;
+        t.kids = {var(wantInt), number(wantInt, false)};
+        t.kind = resultKind(OMul, t.kids[0].kind, t.kids[1].kind);
+        if (!isTerm(t.kind)) continue;
+        n.kind = resultKind(OAdd, t.kind, t.kind);
+        n.kids = {t};
+      } else {
+        const bool intOp = n.op == OMod || n.op == OIDiv;
+        n.kids.push_back(expr(depth - 1, wantInt || intOp));
+        if (n.op != ONeg) n.kids.push_back(n.op == ODiv && pick(2) ? number(false, true) : expr(depth - 1, wantInt || intOp));
+        n.kind = resultKind(n.op, n.kids[0].kind, n.op == ONeg ? KNone : n.kids[1].kind);
+      }
+      if (wantInt && !isIntKind(n.kind)) continue;
+      if (acceptable(n)) return n;
+    }
+    return leaf(wantInt);
+  }
+  void aggregate(Node& n, int depth, bool wantInt) {
+    n.array = (ArrayKind)(wantInt ? AIntExpr + 2 * pick(2) : pick(4));
+    const bool intArray = n.array == AIntExpr || n.array == AIntVar;
+    const bool vars = n.array == ANumVar || n.array == AIntVar;
+    const int size = pick(4);
+    for (int i = 0; i < size * (n.op == OScalProd && !vars ? 2 : 1); ++i) {
+      Node e = vars ? var(intArray) : expr(depth - 1, intArray);
+      if (isNumber(e.kind)) e = var(intArray);
+      n.kids.push_back(e);
+    }
+    if (n.op == OScalProd && vars) {
+      n.intNumbers = pick(2) == 0;
+      n.numbersFirst = pick(2) == 0;
+      for (int i = 0; i < size; ++i) n.numbers.push_back(n.intNumbers ? pick(7) - 3 : from(Numbers));
+      n.kind = n.intNumbers && intArray ? KIntArg : KNumArg;
+    } else {
+      n.kind = intArray ? KIntArg : KNumArg;
+    }
+  }
+
+  Node rhsFor(Kind h, char op) {
+    if (op == '*' || op == '/') return number(h == KIntExpr, op == '/');
+    return expr(1 + pick(2), h == KIntExpr);
+  }
+
+  Stmt statement() {
+    Stmt s;
+    std::vector<int> exprs = live(false, true), all = live(false, false);
+    const int roll = pick(100);
+    if (roll < 30 || all.empty()) {
+      s.kind = SDecl;
+      s.handle = (Kind)(KNumExpr + pick(3));
+      for (int tries = 0; tries < 6; ++tries) {
+        s.rhs = expr(pick(4), s.handle == KIntExpr);
+        const Kind k = s.rhs.kind;
+        const bool varRoot = k >= KNumVar && k <= KBoolVar;
+        if ((varRoot && s.handle != KExpr) || (isSlot(s.rhs) && s.handle == KIntExpr && k != KIntExpr)) continue;
+        if (!o.intConversion && s.handle == KExpr && intLinSlot(s.rhs)) continue;
+        if (s.handle == KExpr && isNumber(k) && k != KDouble) s.rhs.kind = KDouble;
+        return s;
+      }
+      s.rhs = number(s.handle == KIntExpr, false);
+      return s;
+    }
+    s.slot = all[pick((int)all.size())];
+    s.handle = m.kinds[s.slot];
+    if (roll < 55) {
+      s.kind = SCompound;
+      const char ops[] = {'+', '-', '*', '/'};
+      s.op = ops[pick(s.handle == KIntExpr ? 3 : 4)];
+      if (!o.intConversion && m.slots[s.slot]->kind == RIntLin) return end(s);
+      for (int tries = 0; tries < 6; ++tries) {
+        s.rhs = rhsFor(s.handle, s.op);
+        if (o.aliasing && (s.op == '+' || s.op == '-') && src.percent(15)) {
+          s.rhs = Node();
+          s.rhs.kind = s.handle;
+          s.rhs.index = s.slot;
+        }
+        const bool self = mentions(s.rhs, s.slot);
+        if (!assignable(s.handle, s.op, s.rhs.kind) || (!o.intConversion && intLinSlot(s.rhs)) || (self && !o.aliasing))
+          continue;
+        if (s.handle == KIntExpr) {
+          Model probe = copyModel();
+          probe.apply(s);
+          if (!(probe.slots[s.slot]->mag < IntLimit)) continue;
+        }
+        return s;
+      }
+      return end(s);
+    }
+    if (roll < 80 && !exprs.empty()) return method(exprs[pick((int)exprs.size())]);
+    if (roll < 84 && o.termReuse && !exprs.empty()) {
+      s.kind = STermTwice;
+      s.slot = exprs[pick((int)exprs.size())];
+      s.rhs.op = OMul;
+      s.rhs.kids = {var(false), number(false, false)};
+      s.rhs.kind = resultKind(OMul, s.rhs.kids[0].kind, s.rhs.kids[1].kind);
+      return isTerm(s.rhs.kind) ? s : end(s);
+    }
+    if (roll < 86 && o.emptyAlgorithm) return s.kind = SEmptyAlg, s;
+    if (roll == 86 && o.deep && pick(8) == 0) return s.kind = SDeep, s;
+    return end(s);
+  }
+  Stmt end(Stmt s) {
+    s.kind = SEnd;
+    s.rhs = Node();
+    return s;
+  }
+  /// A model whose entries are copies, for trying a statement out.
+  Model copyModel() const {
+    Model c(p);
+    for (const auto& r : m.slots) c.slots.push_back(r ? std::make_shared<Ref>(*r) : nullptr);
+    for (std::size_t i = 0; i < m.slots.size(); ++i)  // keep the sharing, which decides copying
+      for (std::size_t j = 0; j < i; ++j)
+        if (m.slots[i] && m.slots[i] == m.slots[j]) c.slots[i] = c.slots[j];
+    c.kinds = m.kinds;
+    return c;
+  }
+  Stmt method(int slot) {
+    Stmt s;
+    s.slot = slot;
+    s.handle = KExpr;
+    s.kind = (StmtKind)(SClear + pick(SCopy - SClear + 1));
+    Ref normalized = *m.slots[slot];
+    Model::normalize(normalized);
+    const Ref& now = *m.slots[slot];
+    const int nv = (int)p.values.size();
+    const int count = s.kind == SSetConst ? 1 : s.kind == SSetCoef ? 1 : 1 + pick(3);
+    for (int i = 0; i < count; ++i) {
+      s.vars.push_back(pick(nv));
+      s.coefs.push_back(from(Numbers));
+    }
+    if (s.kind != SSetCoefs && s.kind != SSetCoef && s.kind != SRemove) s.vars.clear();
+    if (s.kind == SCopy) s.rhs.kind = KExpr, s.rhs.index = slot;
+    if (s.kind != SSetConst && s.kind != SSetCoef && s.kind != SSetCoefs) s.coefs.clear();
+    if (s.kind == SSetConst && now.unknown) return end(s);
+    if (s.kind == SSetCoef || s.kind == SSetCoefs || s.kind == SRemove) {
+      if (normalized.unknown || now.unknown) return end(s);
+      for (int v : s.vars) {  // one cell per variable, so that the one that takes the value is clear
+        int seen = 0;
+        for (const Cell& c : (s.kind == SRemove ? now : normalized).cells) seen += c.var == v;
+        if (seen > 1) return end(s);
+      }
+    }
+    if (s.kind == SRemove && !now.cells.empty()) {
+      bool lastKept = false;  // dropping the tail cell leaves a list that later appends lose
+      std::size_t kept = 0;
+      for (const Cell& c : now.cells) {
+        bool dropped = false;
+        for (int v : s.vars) dropped = dropped || c.var == v;
+        lastKept = !dropped;
+        kept += !dropped;
+      }
+      if (!lastKept && kept > 0) return end(s);
+    }
+    if (o.allocFailure && src.percent(15)) s.failAfter = 1 + pick(4);
+    return s;
+  }
+};
+
+/// Whether a failing allocation inside the statement can be checked for
+/// atomicity: one library operation over operands that already exist.
+bool singleOperation(const Stmt& s) {
+  if (s.kind == SDecl && s.handle == KExpr) return s.rhs.op == OLeaf && isSlot(s.rhs);
+  if (s.kind != SDecl && s.kind != SCompound) return false;
+  if (s.rhs.op == OLeaf) return true;
+  if (s.kind == SCompound) return false;  // the operand would be a temporary left behind
+  if (s.rhs.op > OMax || isTerm(s.rhs.kind)) return false;
+  for (const Node& k : s.rhs.kids)
+    if (k.op != OLeaf) return false;
+  return true;
+}
+
+}  // namespace
+
+Program generate(Source& src, const Options& opts) {
+  Program p;
+  p.numVars = 1 + (int)src.below(3);
+  p.intVars = 1 + (int)src.below(3);
+  p.boolVars = (int)src.below(3);
+  for (int i = 0; i < p.numVars; ++i) p.values.push_back(((int)src.below(33) - 16) / 4.0);
+  for (int i = 0; i < p.intVars; ++i) p.values.push_back((int)src.below(13) - 6);
+  for (int i = 0; i < p.boolVars; ++i) p.values.push_back(src.below(2));
+  Gen g{src, opts, p, Model(p)};
+  const int n = 3 + (int)src.below(18);
+  for (int i = 0; i < n; ++i) {
+    Stmt s = g.statement();
+    if (opts.allocFailure && s.failAfter == 0 && singleOperation(s) && src.percent(15)) s.failAfter = 1 + (int)src.below(4);
+    if (s.kind == SDecl || s.kind == SCopy) s.slot = (int)g.m.slots.size();
+    g.m.apply(s);
+    p.stmts.push_back(s);
+  }
+  return p;
+}
+
+// ------------------------------------------------------------- printing
+
+std::string Program::varName(int v) const {
+  if (v < numVars) return "x" + std::to_string(v);
+  if (v < numVars + intVars) return "i" + std::to_string(v - numVars);
+  return "b" + std::to_string(v - numVars - intVars);
+}
+
+namespace {
+const char* const KindNames[] = {"double",       "TavInt",        "int",          "TavNumVar",
+                                 "TavIntVar",    "TavBoolVar",    "TavNumLinExprTerm", "TavIntLinExprTerm",
+                                 "TavNumExprArg", "TavIntExprArg", "TavNumExpr",   "TavIntExpr", "TavExpr"};
+const char* const ArrayNames[] = {"TavNumExprArray", "TavIntExprArray", "TavNumVarArray", "TavIntVarArray"};
+
+std::string num(double v, Kind k) {
+  std::ostringstream os;
+  os << v;
+  if (k == KDouble && std::floor(v) == v && std::fabs(v) < 1e15) os << ".0";
+  if (k == KLong) os << "L";
+  return os.str();
+}
+
+struct Printer {
+  const Program& p;
+  std::string varLeaf(const Node& n) const {
+    const int v = n.index;
+    const Kind natural = v < p.numVars ? KNumVar : v < p.numVars + p.intVars ? KIntVar : KBoolVar;
+    const std::string name = p.varName(v);
+    return n.kind == natural ? name : std::string(KindNames[n.kind]) + "(" + name + ")";
+  }
+  std::string list(const char* type, const std::vector<Node>& kids, std::size_t from, std::size_t to) const {
+    std::string s = std::string(type) + "{";
+    for (std::size_t i = from; i < to; ++i) s += (i > from ? ", " : "") + node(kids[i]);
+    return s + "}";
+  }
+  std::string node(const Node& n) const {
+    static const char* const infix[] = {"", "-", " + ", " - ", " * ", " / ", " % "};
+    static const char* const calls[] = {"TavDiv(", "TavMin(", "TavMax(", "", "TavMin(", "TavMax(", "TavSum("};
+    if (n.op == OLeaf) {
+      if (n.kind <= KInt) return num(n.num, n.kind);
+      return n.kind <= KBoolVar ? varLeaf(n) : "h" + std::to_string(n.index);
+    }
+    if (n.op == ONeg) return "-" + node(n.kids[0]);
+    if (n.op <= OMod) return "(" + node(n.kids[0]) + infix[n.op] + node(n.kids[1]) + ")";
+    if (n.op <= OMax) return calls[n.op - OIDiv] + node(n.kids[0]) + ", " + node(n.kids[1]) + ")";
+    if (n.op == OTermTwice) return "[&] { auto t = " + node(n.kids[0]) + "; return t + t; }()";
+    if (n.op != OScalProd) return calls[n.op - OIDiv] + list(ArrayNames[n.array], n.kids, 0, n.kids.size()) + ")";
+    if (n.array == ANumExpr || n.array == AIntExpr) {
+      const std::size_t half = n.kids.size() / 2;
+      return "TavScalProd(" + list(ArrayNames[n.array], n.kids, 0, half) + ", " +
+             list(ArrayNames[n.array], n.kids, half, n.kids.size()) + ")";
+    }
+    std::string numbers = n.intNumbers ? "TavIntArray{" : "TavNumArray{";
+    for (std::size_t i = 0; i < n.numbers.size(); ++i)
+      numbers += (i ? ", " : "") + num(n.numbers[i], n.intNumbers ? KInt : KDouble);
+    numbers += "}";
+    const std::string vars = list(ArrayNames[n.array], n.kids, 0, n.kids.size());
+    return "TavScalProd(" + (n.numbersFirst ? numbers + ", " + vars : vars + ", " + numbers) + ")";
+  }
+  std::string vars(const Stmt& s) const {
+    std::string out = "TavNumVarArray{";
+    for (std::size_t i = 0; i < s.vars.size(); ++i) out += (i ? ", " : "") + p.varName(s.vars[i]);
+    return out + "}";
+  }
+  std::string stmt(const Stmt& s) const {
+    const std::string h = "h" + std::to_string(s.slot);
+    std::string coefs = "TavNumArray{";
+    for (std::size_t i = 0; i < s.coefs.size(); ++i) coefs += (i ? ", " : "") + num(s.coefs[i], KDouble);
+    coefs += "}";
+    switch (s.kind) {
+      case SDecl:
+        if (s.rhs.op == OLeaf && s.rhs.kind <= KInt)
+          return std::string(KindNames[s.handle]) + " " + h + "(env, " + node(s.rhs) + ");";
+        if (isSlot(s.rhs))
+          return std::string(KindNames[s.handle]) + " " + h + " = " + (s.handle == KIntExpr ? "TavIntExprArg(" : "TavNumExprArg(") +
+                 node(s.rhs) + ");";
+        return std::string(KindNames[s.handle]) + " " + h + " = " + node(s.rhs) + ";";
+      case SCompound: return h + " " + s.op + "= " + node(s.rhs) + ";";
+      case SClear: return h + ".clear();";
+      case SSetConst: return h + ".setNumConstant(" + num(s.coefs[0], KDouble) + ");";
+      case SSetCoef: return h + ".setLinearCoef(" + p.varName(s.vars[0]) + ", " + num(s.coefs[0], KDouble) + ");";
+      case SSetCoefs: return h + ".setLinearCoefs(" + vars(s) + ", " + coefs + ");";
+      case SRemove: return h + ".remove(" + vars(s) + ");";
+      case SNormalize: return h + ".normalize();";
+      case SCopy: return "TavExpr " + h + " = " + node(s.rhs) + ".copy();";
+      case SEnd: return h + ".end();";
+      case STermTwice: return "{ auto t = " + node(s.rhs) + "; " + h + " += t; " + h + " += t; }";
+      case SEmptyAlg: return "TavAlgorithm().getValue(" + h + ");";
+      case SDeep: return "{ TavNumExpr d = TavMin(x0, 1.0); 100000 times: d = TavMin(d, 1.0); d.end(); }";
+    }
+    return "";
+  }
+};
+}  // namespace
+
+std::string Program::print() const {
+  std::ostringstream os;
+  os << "TavEnv env;\n";
+  for (int v = 0; v < (int)values.size(); ++v) {
+    if (v < numVars) os << "TavNumVar " << varName(v) << "(env, -100, 100);\n";
+    else if (v < numVars + intVars) os << "TavIntVar " << varName(v) << "(env, -100, 100);\n";
+    else os << "TavBoolVar " << varName(v) << "(env);\n";
+  }
+  os << "TavSolution sol(env);\n";
+  for (int v = 0; v < (int)values.size(); ++v) os << "sol.setValue(" << varName(v) << ", " << values[v] << ");\n";
+  const Printer pr{*this};
+  for (const Stmt& s : stmts) {
+    if (s.failAfter) os << "env.getImpl()->getMemory().failAfter(" << s.failAfter << ");  // once, then again\n";
+    os << pr.stmt(s) << "\n";
+  }
+  os << "// each statement is followed by a check of every live handle; at the end all are ended\n";
+  return os.str();
+}
+
+}  // namespace tavfuzz

@@ -1,0 +1,337 @@
+// The reference model: what a program computes, from the arithmetic of the
+// operators and the documented layout of linear expressions (cells in list
+// order, constant, non-linear parts), independent of the library's code.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+
+#include "fuzz.h"
+
+namespace tavfuzz {
+namespace {
+
+Ref number(double v) {
+  Ref r;
+  r.v = v;
+  r.mag = std::fabs(v);
+  return r;
+}
+
+Ref opaque(double v, bool isInt, const Ref& a, const Ref& b) {
+  Ref r;
+  r.kind = isInt ? RIntNode : RNumNode;
+  r.throws = a.throws || b.throws;
+  r.v = r.throws ? 0 : v;
+  r.mag = std::max({std::fabs(r.v), a.mag, b.mag});
+  return r;
+}
+
+/// The linear node an operator works on: a private copy of a counted one,
+/// a new node around anything else.
+Ref lin(Ref r, bool isInt, double value) {
+  if (r.linear()) {
+    if (r.kind == RIntLin && !isInt) r.counted = true;  // converted into a new numeric node
+    r.kind = isInt ? RIntLin : RNumLin;
+    if (r.counted) r.norm = No;
+    else if (r.held && r.norm == Yes) r.norm = Maybe;  // copied only if a parent holds it
+    r.counted = r.held = r.var = false;
+    return r;
+  }
+  Ref l;
+  l.kind = isInt ? RIntLin : RNumLin;
+  l.throws = r.throws;
+  l.unknown = r.unknown;
+  l.mag = r.mag;
+  if (r.kind == RNumber) l.cst = r.v;
+  else l.parts.push_back(value);
+  return l;
+}
+
+Ref merge(Ref l, const Ref& r) {
+  l.cells.insert(l.cells.end(), r.cells.begin(), r.cells.end());
+  if (!r.cells.empty()) l.norm = No;
+  l.cst += r.cst;
+  l.parts.insert(l.parts.end(), r.parts.begin(), r.parts.end());
+  l.throws = l.throws || r.throws;
+  l.unknown = l.unknown || r.unknown;
+  l.mag += r.mag;
+  return l;
+}
+
+/// No cells and no parts: a product with it folds into a multiple.
+Tri isConstant(const Ref& r) {
+  if (r.unknown) return Maybe;
+  return r.linear() && r.cells.empty() && r.parts.empty() ? Yes : No;
+}
+
+std::int64_t trunc(double x) { return std::fabs(x) < 9e18 ? (std::int64_t)x : 0; }
+
+}  // namespace
+
+double Model::value(const Ref& r) const {
+  if (!r.linear()) return r.v;
+  double s = 0;
+  for (double part : r.parts) s += part;
+  for (const Cell& c : r.cells) s += c.coef * _p.values[c.var];
+  return r.cst + s;
+}
+
+namespace {
+struct Ops {
+  const Model& m;
+  Ref sum(const Ref& a, const Ref& b, bool isInt) const {
+    return merge(lin(a, isInt, m.value(a)), lin(b, isInt, m.value(b)));
+  }
+  Ref scale(const Ref& a, double d, bool isInt, bool divide) const {
+    if (!a.linear()) return opaque(divide ? a.v / d : a.v * d, isInt, a, number(d));
+    Ref l = lin(a, isInt, 0);
+    for (Cell& c : l.cells) c.coef = divide ? c.coef / d : c.coef * d;
+    if (!a.var) l.cst = divide ? l.cst / d : l.cst * d;  // a variable becomes a term: no constant to scale
+    if (isInt) l.cst += 0.0;                              // an integer constant has no negative zero
+    for (double& part : l.parts) part = divide ? part / d : part * d;
+    l.mag = divide ? l.mag / std::fabs(d) : l.mag * std::fabs(d);
+    return l;
+  }
+  Ref product(const Ref& a, const Ref& b, bool isInt) const {
+    const double x = m.value(a), y = m.value(b);
+    if (isInt) return opaque(x * y, true, a, b);
+    const Tri ca = isConstant(a), cb = isConstant(b);
+    if (ca == Yes) return scale(b, a.cst, false, false);
+    if (cb == Yes) return scale(a, b.cst, false, false);
+    Ref r = opaque(x * y, false, a, b);
+    r.mag = std::max(r.mag, a.mag * b.mag);
+    r.unknown = ca == Maybe || cb == Maybe;
+    return r;
+  }
+};
+}  // namespace
+
+Ref Model::eval(const Node& n) const {
+  const Ops ops{*this};
+  const bool isInt = n.kind == KIntArg || n.kind == KIntTerm || n.kind == KIntExpr;
+  if (n.op == OLeaf) {
+    if (n.kind <= KInt) return number(n.num);
+    if (n.kind <= KBoolVar) {
+      Ref r;
+      r.kind = n.kind == KNumVar ? RNumLin : RIntLin;
+      r.cells.push_back({n.index, 1.0});
+      r.var = true;
+      r.mag = std::fabs(_p.values[n.index]) + 1;
+      return r;
+    }
+    Ref r = *slots[n.index];
+    r.counted = true;
+    return r;
+  }
+  std::vector<Ref> k;
+  for (const Node& kid : n.kids) k.push_back(eval(kid));
+  if (n.op == OTermTwice) return ops.sum(k[0], k[0], isInt);
+  if (n.op == OScalProd) {
+    Ref acc = lin(number(0), isInt, 0);
+    if (n.array == ANumVar || n.array == AIntVar) {
+      for (std::size_t i = 0; i < k.size(); ++i) {
+        acc.cells.push_back({n.kids[i].index, n.numbers[i]});
+        acc.mag += std::fabs(n.numbers[i]) * k[i].mag;
+      }
+      return acc;
+    }
+    const std::size_t half = k.size() / 2;
+    for (std::size_t i = 0; i < half; ++i) {
+      Ref p = ops.product(k[i], k[half + i], isInt);
+      acc.parts.push_back(value(p));
+      acc.throws = acc.throws || p.throws;
+      acc.mag += std::max(p.mag, std::fabs(value(p)));
+    }
+    return acc;
+  }
+  if (n.op == OSum) {
+    Ref acc = lin(number(0), isInt, 0);
+    for (const Ref& e : k) acc = ops.sum(acc, e, isInt);
+    return acc;
+  }
+  if (n.op == OMinArr || n.op == OMaxArr) {
+    Ref r = opaque(0, isInt, number(0), number(0));
+    r.throws = k.empty();
+    double best = k.empty() ? 0 : value(k[0]);
+    for (const Ref& e : k) {
+      const double v = value(e);
+      if (n.op == OMinArr ? best > v : v > best) best = v;
+      r.throws = r.throws || e.throws;
+      r.mag = std::max(r.mag, e.mag);
+    }
+    r.v = r.throws ? 0 : best;
+    return r;
+  }
+  return binary(n.op, isInt, k[0], k.size() > 1 ? k[1] : number(0));
+}
+
+Ref Model::binary(Op op, bool isInt, const Ref& a, const Ref& b) const {
+  const Ops ops{*this};
+  const double x = value(a), y = value(b);
+  const bool an = a.kind == RNumber, bn = b.kind == RNumber;
+  switch (op) {
+    case ONeg: return ops.scale(a, -1, isInt, false);
+    case OAdd: return ops.sum(a, b, isInt);
+    case OSub: return ops.sum(a, bn ? number(-y) : ops.scale(b, -1, isInt, false), isInt);
+    case OMul:
+      if (an) return ops.scale(b, x, isInt, false);
+      if (bn) return ops.scale(a, y, isInt, false);
+      return ops.product(a, b, isInt);
+    case ODiv:
+      if (bn) return ops.scale(a, y, false, true);
+      return opaque(x / y, false, a, b);
+    case OMod:  // a zero divisor is undefined: the generator keeps it out
+      return opaque(a.throws || b.throws || trunc(y) == 0 ? NAN : (double)(trunc(x) % trunc(y)), true, a, b);
+    case OIDiv: return opaque(a.throws || b.throws || trunc(y) == 0 ? NAN : (double)(trunc(x) / trunc(y)), true, a, b);
+    case OMin:  // a constant is always the second operand; ties go to it
+      return an ? opaque(x > y ? y : x, isInt, a, b) : opaque(y > x ? x : y, isInt, a, b);
+    case OMax: return an ? opaque(y > x ? y : x, isInt, a, b) : opaque(x > y ? x : y, isInt, a, b);
+    default: return number(0);
+  }
+}
+
+int Model::normalize(Ref& r) {
+  if (r.norm == Yes) return 0;
+  std::vector<Cell> out;
+  int merges = 0;
+  bool dirty = false;  // something a normalisation would change
+  for (std::size_t i = 0; i < r.cells.size(); ++i) {
+    const int var = r.cells[i].var;
+    std::size_t last = i;
+    for (std::size_t j = i + 1; j < r.cells.size(); ++j)
+      if (r.cells[j].var == var) last = j;
+    if (last != i) {
+      ++merges;
+      continue;
+    }
+    double c = r.cells[i].coef;  // the last occurrence gathers the earlier ones in list order
+    for (std::size_t j = 0; j < i; ++j)
+      if (r.cells[j].var == var) c += r.cells[j].coef;
+    if (c == 0.0) dirty = true;
+    else out.push_back({var, c});
+  }
+  if (r.norm == Maybe && (merges > 0 || dirty)) r.unknown = true;
+  r.cells = out;
+  r.norm = Yes;
+  return merges;
+}
+
+Ref& Model::own(int slot) {
+  std::shared_ptr<Ref>& s = slots[slot];
+  if (s.use_count() > 1) {
+    s = std::make_shared<Ref>(*s);
+    s->norm = No;
+    s->held = false;
+  } else if (s->held && s->norm == Yes) {
+    s->norm = Maybe;
+  }
+  return *s;
+}
+
+namespace {
+/// Slots used as operands inside a tree may from then on be held by a node.
+void markHeld(const Node& n, std::vector<std::shared_ptr<Ref>>& slots, bool inside) {
+  if (n.op == OLeaf && n.kind >= KNumExpr && inside && slots[n.index]) slots[n.index]->held = true;
+  for (const Node& k : n.kids) markHeld(k, slots, true);
+}
+}  // namespace
+
+int Model::apply(const Stmt& s) {
+  markHeld(s.rhs, slots, s.kind == SCompound);
+  const Ops ops{*this};
+  const Node& rhs = s.rhs;
+  switch (s.kind) {
+    case SDecl: {
+      const bool shares = rhs.op == OLeaf && rhs.kind >= KNumExpr && s.handle != KExpr;
+      std::shared_ptr<Ref> r = shares ? slots[rhs.index] : std::make_shared<Ref>(eval(rhs));
+      if (s.handle == KExpr || rhs.kind <= KInt) *r = lin(*r, s.handle == KIntExpr, value(*r));
+      r->counted = true;
+      slots.push_back(r);
+      kinds.push_back(s.handle);
+      return 0;
+    }
+    case SCopy: {
+      auto r = std::make_shared<Ref>(*slots[s.rhs.index]);
+      r->norm = No;
+      r->held = false;
+      slots.push_back(r);
+      kinds.push_back(KExpr);
+      return 0;
+    }
+    case SEnd: slots[s.slot] = nullptr; return 0;
+    case SCompound: break;
+    case STermTwice: {
+      Ref& e = own(s.slot);
+      const Ref t = eval(rhs);
+      e = merge(e, t);  // the second += of the same handle is refused
+      return 0;
+    }
+    case SEmptyAlg:
+    case SDeep: return 0;
+    default: {
+      Ref& e = own(s.slot);
+      if (s.kind == SClear) {
+        const bool held = e.held;
+        e = lin(number(0), false, 0);
+        e.held = held;
+      }
+      if (s.kind == SSetConst) e.cst = s.coefs[0], e.mag += std::fabs(s.coefs[0]);
+      if (s.kind == SNormalize) return normalize(e);
+      if (s.kind == SSetCoef || s.kind == SSetCoefs) {
+        normalize(e);
+        std::vector<int> marked;  // cells present before the loop, by variable
+        for (int v : s.vars) {
+          auto it = std::find_if(e.cells.begin(), e.cells.end(), [v](const Cell& c) { return c.var == v; });
+          marked.push_back(it == e.cells.end() ? -1 : (int)(it - e.cells.begin()));
+        }
+        for (std::size_t i = 0; i < s.vars.size(); ++i) {
+          const double c = s.coefs[i];
+          if (marked[i] >= 0) e.cells[marked[i]].coef = c;
+          else if (c != 0.0) e.cells.push_back({s.vars[i], c});
+          e.mag += std::fabs(c);
+        }
+        if (s.kind == SSetCoef && marked[0] >= 0 && s.coefs[0] == 0.0) e.cells.erase(e.cells.begin() + marked[0]);
+        e.norm = Yes;
+      }
+      if (s.kind == SRemove && !(e.cells.empty() && e.parts.empty())) {
+        std::size_t budget = s.vars.size();  // the sweep stops after as many drops as the array has elements
+        std::vector<Cell> out;
+        for (const Cell& c : e.cells) {
+          if (budget > 0 && std::count(s.vars.begin(), s.vars.end(), c.var) > 0) --budget;
+          else out.push_back(c);
+        }
+        e.cells = out;
+      }
+      return 0;
+    }
+  }
+  // Compound assignment: TavExpr changes its node in place, the others take
+  // the result of the free operator.
+  const bool self = rhs.op == OLeaf && rhs.kind >= KNumExpr && rhs.index == s.slot;
+  Ref x = eval(rhs);
+  const Op op = s.op == '+' ? OAdd : s.op == '-' ? OSub : s.op == '*' ? OMul : ODiv;
+  if (s.handle != KExpr) {
+    Ref h = *slots[s.slot];
+    h.counted = slots[s.slot].use_count() > 1;
+    if (self) x.counted = h.counted;  // the handle gives its own count back first
+    slots[s.slot] = std::make_shared<Ref>(binary(op, s.handle == KIntExpr, h, x));
+    return 0;
+  }
+  Ref& e = own(s.slot);
+  Ref cur = e;
+  cur.counted = cur.held = false;
+  if (x.kind == RNumber && (op == OAdd || op == OSub)) {
+    cur.cst += op == OAdd ? x.v : -x.v;
+    cur.mag += x.mag;
+  } else if (x.kind == RNumber) {
+    cur = ops.scale(cur, x.v, false, op == ODiv);
+  } else {
+    const Ref y = op == OSub ? ops.scale(x, -1, false, false) : x;
+    cur = merge(cur, lin(y, false, value(y)));
+  }
+  cur.held = e.held;
+  e = cur;
+  return 0;
+}
+
+}  // namespace tavfuzz

@@ -1,0 +1,513 @@
+// The runner: executes a program against the library, one operator table
+// over every handle type (overloads found at compile time), and compares
+// every live handle with the reference model after every statement.
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <new>
+#include <sstream>
+#include <stdexcept>
+#include <type_traits>
+#include <utility>
+#include <variant>
+
+#include "tavexpression.h"
+#include "fuzz.h"
+
+namespace tavfuzz {
+namespace {
+
+using Val = std::variant<double, TavInt, int, TavNumVar, TavIntVar, TavBoolVar, TavNumLinExprTerm, TavIntLinExprTerm,
+                         TavNumExprArg, TavIntExprArg, TavNumExpr, TavIntExpr, TavExpr>;
+
+template <class T, std::size_t I = 0>
+constexpr Kind kindOf() {
+  if constexpr (I == std::variant_size_v<Val>) return KNone;
+  else if constexpr (std::is_same_v<T, std::variant_alternative_t<I, Val>>) return (Kind)I;
+  else return kindOf<T, I + 1>();
+}
+template <class T>
+constexpr bool isCounted() {
+  return std::is_same_v<T, TavNumExpr> || std::is_same_v<T, TavIntExpr> || std::is_same_v<T, TavExpr>;
+}
+
+// One row per operator: the expression a program writes.
+#define TAV_FUZZ_OP(Name, Expr)                                    \
+  struct Name {                                                    \
+    template <class A, class B>                                    \
+    static auto f(A& a, B& b) -> decltype(Expr) { return Expr; }   \
+  };
+TAV_FUZZ_OP(Neg, ((void)b, -a))
+TAV_FUZZ_OP(Add, a + b)
+TAV_FUZZ_OP(Sub, a - b)
+TAV_FUZZ_OP(Mul, a * b)
+TAV_FUZZ_OP(Div, a / b)
+TAV_FUZZ_OP(Mod, a % b)
+TAV_FUZZ_OP(IDiv, TavDiv(a, b))
+TAV_FUZZ_OP(Min, TavMin(a, b))
+TAV_FUZZ_OP(Max, TavMax(a, b))
+TAV_FUZZ_OP(AddTo, a += b)
+TAV_FUZZ_OP(SubFrom, a -= b)
+TAV_FUZZ_OP(MulBy, a *= b)
+TAV_FUZZ_OP(DivBy, a /= b)
+#undef TAV_FUZZ_OP
+
+/// The result type of F over A and B when it is an expression or a term.
+template <class F, class A, class B, class = void>
+struct Result {
+  static constexpr Kind k = KNone;
+};
+template <class F, class A, class B>
+struct Result<F, A, B, std::void_t<decltype(F::f(std::declval<A&>(), std::declval<B&>()))>> {
+  static constexpr Kind r = kindOf<std::decay_t<decltype(F::f(std::declval<A&>(), std::declval<B&>()))>>();
+  static constexpr Kind k = r >= KNumTerm && r <= KIntArg ? r : KNone;
+};
+/// Whether h op= x compiles; an integer handle never takes a double, which
+/// would be narrowed before the library sees it.
+template <class F, class H, class X, class = void>
+struct Assignable : std::false_type {};
+template <class F, class H, class X>
+struct Assignable<F, H, X, std::void_t<decltype(F::f(std::declval<H&>(), std::declval<X&>()))>>
+    : std::bool_constant<isCounted<H>() && !(std::is_same_v<H, TavIntExpr> && std::is_same_v<X, double>)> {};
+
+/// Whether an element of type X goes into an array of type Arr.
+template <class Arr, class X, class = void>
+struct CanAdd : std::false_type {};
+template <class Arr, class X>
+struct CanAdd<Arr, X, std::void_t<decltype(std::declval<Arr&>().add(std::declval<X&>()))>>
+    : std::bool_constant<!std::is_arithmetic_v<X>> {};
+
+template <std::size_t... I>
+std::array<Val, sizeof...(I)> makeProtos(std::index_sequence<I...>) {
+  return {Val(std::in_place_index<I>)...};
+}
+Val& proto(Kind k) {
+  static std::array<Val, KNone> protos = makeProtos(std::make_index_sequence<KNone>());
+  return protos[k];
+}
+
+template <class F>
+Kind kindRow(Kind a, Kind b) {
+  return std::visit([](auto& x, auto& y) { return Result<F, std::decay_t<decltype(x)>, std::decay_t<decltype(y)>>::k; },
+                    proto(a), proto(b));
+}
+template <class F>
+Val callRow(Val& a, Val& b) {
+  return std::visit(
+      [](auto& x, auto& y) -> Val {
+        constexpr Kind k = Result<F, std::decay_t<decltype(x)>, std::decay_t<decltype(y)>>::k;
+        if constexpr (k != KNone) return Val(std::in_place_index<k>, F::f(x, y));
+        else throw std::logic_error("no such operator");
+      },
+      a, b);
+}
+template <class F>
+bool assignRow(Val& h, Val& x, bool run) {
+  return std::visit(
+      [run](auto& a, auto& b) {
+        if constexpr (Assignable<F, std::decay_t<decltype(a)>, std::decay_t<decltype(b)>>::value) {
+          if (run) F::f(a, b);
+          return true;
+        } else {
+          return false;
+        }
+      },
+      h, x);
+}
+
+struct Row {
+  Kind (*kind)(Kind, Kind);
+  Val (*call)(Val&, Val&);
+};
+const Row Rows[BinaryOps] = {{nullptr, nullptr},           {kindRow<Neg>, callRow<Neg>}, {kindRow<Add>, callRow<Add>},
+                             {kindRow<Sub>, callRow<Sub>},   {kindRow<Mul>, callRow<Mul>}, {kindRow<Div>, callRow<Div>},
+                             {kindRow<Mod>, callRow<Mod>},   {kindRow<IDiv>, callRow<IDiv>}, {kindRow<Min>, callRow<Min>},
+                             {kindRow<Max>, callRow<Max>}};
+bool (*const Assigns[])(Val&, Val&, bool) = {assignRow<AddTo>, assignRow<SubFrom>, assignRow<MulBy>, assignRow<DivBy>};
+int assignIndex(char op) { return op == '+' ? 0 : op == '-' ? 1 : op == '*' ? 2 : 3; }
+
+bool close(double got, double want, double mag) {
+  if (std::isnan(got) || std::isnan(want)) return std::isnan(got) && std::isnan(want);
+  if (std::isinf(got) || std::isinf(want)) return got == want;
+  double scale = std::max({1.0, std::fabs(got), std::fabs(want)});
+  if (!(mag <= scale)) scale = std::isnan(mag) ? INFINITY : mag;  // sums may reorder around large parts
+  return std::fabs(got - want) <= 1e-9 * scale;
+}
+
+std::string str(double v) {
+  std::ostringstream os;
+  os.precision(17);
+  os << v;
+  return os.str();
+}
+
+struct Runner {
+  const Program& p;
+  TavEnv env;
+  TavSolution sol{env};
+  std::vector<TavNumVar> vars;
+  std::vector<Val> slots;  // a double once ended
+  Model m{p};
+  TavNumVarArray argVars;
+  TavNumArray argCoefs;
+
+  explicit Runner(const Program& prog) : p(prog) {
+    for (int v = 0; v < (int)p.values.size(); ++v) {
+      if (v < p.numVars) vars.push_back(TavNumVar(env, -100, 100));
+      else if (v < p.numVars + p.intVars) vars.push_back(TavIntVar(env, -100, 100));
+      else vars.push_back(TavBoolVar(env));
+      sol.setValue(vars.back(), p.values[v]);
+    }
+  }
+  TavEnvI* ei() const { return env.getImpl(); }
+  bool live(std::size_t i) const { return i < slots.size() && slots[i].index() != KDouble; }
+  TavNumExprArg arg(std::size_t i) const {
+    return std::visit([](auto& h) -> TavNumExprArg {
+      if constexpr (isCounted<std::decay_t<decltype(h)>>()) return h;
+      else throw std::logic_error("not a handle");
+    }, slots[i]);
+  }
+  TavExpr& expr(int i) { return std::get<TavExpr>(slots[i]); }
+
+  Val exec(const Node& n) {
+    if (n.op == OLeaf) {
+      switch (n.kind) {
+        case KDouble: return Val(std::in_place_type<double>, n.num);
+        case KLong: return Val(std::in_place_type<TavInt>, (TavInt)n.num);
+        case KInt: return Val(std::in_place_type<int>, (int)n.num);
+        case KNumVar: return Val(std::in_place_type<TavNumVar>, vars[n.index]);
+        case KIntVar: return Val(std::in_place_type<TavIntVar>, vars[n.index].getImpl());
+        case KBoolVar: return Val(std::in_place_type<TavBoolVar>, vars[n.index].getImpl());
+        default: return slots[n.index];
+      }
+    }
+    if (n.op == OTermTwice) {
+      Val t = exec(n.kids[0]);
+      return callRow<Add>(t, t);
+    }
+    if (n.op >= OMinArr) return aggregate(n);
+    Val a = exec(n.kids[0]);
+    Val b = n.kids.size() > 1 ? exec(n.kids[1]) : Val(0.0);
+    return Rows[n.op].call(a, b);
+  }
+  template <class Arr>
+  Arr fill(const std::vector<Node>& kids, std::size_t from, std::size_t to) {
+    Arr a(env);
+    for (std::size_t i = from; i < to; ++i) {
+      Val v = exec(kids[i]);
+      std::visit([&a](auto& x) {
+        if constexpr (CanAdd<Arr, std::decay_t<decltype(x)>>::value) a.add(x);
+        else throw std::logic_error("bad array element");
+      }, v);
+    }
+    return a;
+  }
+  template <class Arr>
+  Val reduce(const Node& n) {
+    Arr a = fill<Arr>(n.kids, 0, n.kids.size());
+    Val r = n.op == OMinArr ? Val(TavMin(a)) : n.op == OMaxArr ? Val(TavMax(a)) : Val(TavSum(a));
+    a.end();
+    return r;
+  }
+  template <class Vars, class Numbers, class Number>
+  Val scalVars(const Node& n) {
+    Vars x = fill<Vars>(n.kids, 0, n.kids.size());
+    Numbers c(env);
+    for (double d : n.numbers) c.add((Number)d);
+    Val r = n.numbersFirst ? Val(TavScalProd(c, x)) : Val(TavScalProd(x, c));
+    x.end();
+    c.end();
+    return r;
+  }
+  template <class Arr>
+  Val scalExprs(const Node& n) {
+    const std::size_t half = n.kids.size() / 2;
+    Arr a = fill<Arr>(n.kids, 0, half), b = fill<Arr>(n.kids, half, n.kids.size());
+    Val r = TavScalProd(a, b);
+    a.end();
+    b.end();
+    return r;
+  }
+  Val aggregate(const Node& n) {
+    if (n.op == OScalProd) {
+      switch (n.array) {
+        case ANumExpr: return scalExprs<TavNumExprArray>(n);
+        case AIntExpr: return scalExprs<TavIntExprArray>(n);
+        case ANumVar:
+          return n.intNumbers ? scalVars<TavNumVarArray, TavIntArray, TavInt>(n)
+                              : scalVars<TavNumVarArray, TavNumArray, double>(n);
+        case AIntVar:
+          return n.intNumbers ? scalVars<TavIntVarArray, TavIntArray, TavInt>(n)
+                              : scalVars<TavIntVarArray, TavNumArray, double>(n);
+      }
+    }
+    switch (n.array) {
+      case ANumExpr: return reduce<TavNumExprArray>(n);
+      case AIntExpr: return reduce<TavIntExprArray>(n);
+      case ANumVar: return reduce<TavNumVarArray>(n);
+      case AIntVar: return reduce<TavIntVarArray>(n);
+    }
+    return Val();
+  }
+
+  /// A new counted handle H on x; a counted x gives a new reference, not a plain copy.
+  template <class H, class X>
+  static Val makeFrom(X& x) {
+    using A = std::conditional_t<std::is_same_v<H, TavIntExpr>, TavIntExprArg, TavNumExprArg>;
+    if constexpr (isCounted<X>() && std::is_convertible_v<X&, A>) return Val(std::in_place_type<H>, A(x));
+    else if constexpr (!isCounted<X>() && std::is_constructible_v<H, X&> && !std::is_arithmetic_v<X>)
+      return Val(std::in_place_type<H>, x);
+    else throw std::logic_error("bad declaration");
+  }
+  template <class H>
+  Val make(Val v) {
+    return std::visit([](auto& x) { return makeFrom<H>(x); }, v);
+  }
+  Val declare(const Stmt& s) {
+    if (s.rhs.op == OLeaf && s.rhs.kind <= KInt) {
+      if (s.handle == KIntExpr) return Val(std::in_place_type<TavIntExpr>, env, (TavInt)s.rhs.num);
+      if (s.handle == KNumExpr) return Val(std::in_place_type<TavNumExpr>, env, s.rhs.num);
+      return Val(std::in_place_type<TavExpr>, env, s.rhs.num);
+    }
+    Val v = exec(s.rhs);
+    if (s.handle == KIntExpr) return make<TavIntExpr>(v);
+    return s.handle == KNumExpr ? make<TavNumExpr>(v) : make<TavExpr>(v);
+  }
+
+  /// The library side of a statement; sets threw / nothingMerged for the checks.
+  void act(const Stmt& s, bool& threw, bool& nothingMerged) {
+    switch (s.kind) {
+      case SDecl: slots.push_back(declare(s)); return;
+      case SCopy: slots.push_back(Val(std::in_place_type<TavExpr>, expr(s.rhs.index).copy())); return;
+      case SCompound: {
+        const bool self = s.rhs.op == OLeaf && s.rhs.kind >= KNumExpr && s.rhs.index == s.slot;
+        Val x = self ? Val() : exec(s.rhs);
+        Assigns[assignIndex(s.op)](slots[s.slot], self ? slots[s.slot] : x, true);
+        return;
+      }
+      case SClear: expr(s.slot).clear(); return;
+      case SSetConst:
+        try {
+          expr(s.slot).setNumConstant(s.coefs[0]);
+        } catch (const TavNumExprNonLinearExpression&) {
+          threw = true;
+        }
+        return;
+      case SSetCoef: expr(s.slot).setLinearCoef(vars[s.vars[0]], s.coefs[0]); return;
+      case SSetCoefs: expr(s.slot).setLinearCoefs(argVars, argCoefs); return;
+      case SRemove: expr(s.slot).remove(argVars); return;
+      case SNormalize: nothingMerged = expr(s.slot).normalize(); return;
+      case SEnd:
+        arg(s.slot).end();
+        slots[s.slot] = 0.0;
+        return;
+      case STermTwice: {
+        Val t = exec(s.rhs);
+        std::visit([this, &s](auto& term) {
+          if constexpr (std::is_same_v<decltype(term), TavNumLinExprTerm&> || std::is_same_v<decltype(term), TavIntLinExprTerm&>) {
+            expr(s.slot) += term;
+            bool refused = false;
+            try {
+              expr(s.slot) += term;
+            } catch (const TavWrongUsage&) {
+              refused = true;
+            }
+            if (!refused) throw std::runtime_error("a term handle was taken twice");
+          }
+        }, t);
+        return;
+      }
+      case SEmptyAlg: return;
+      case SDeep: {
+        TavNumExpr d = TavMin(vars[0], 1.0);
+        for (int i = 0; i < 100000; ++i) {
+          TavNumExpr next = TavMin(d, 1.0);
+          d.end();
+          d = next;
+        }
+        d.end();
+        return;
+      }
+    }
+  }
+
+  std::string step(const Stmt& s) {
+    argVars.end();
+    argCoefs.end();
+    if (!s.vars.empty()) {  // arrays exist before any allocation is made to fail
+      argVars = TavNumVarArray(env);
+      for (int v : s.vars) argVars.add(vars[v]);
+      argCoefs = TavNumArray(env);
+      for (double c : s.coefs) argCoefs.add(c);
+    }
+    if (s.kind == SEmptyAlg) {
+      const Ref& r = *m.slots[s.slot];
+      try {
+        const double v = TavAlgorithm().getValue(arg(s.slot));
+        if (!r.throws && !close(v, m.value(r), r.mag)) return "empty algorithm gave " + str(v);
+      } catch (const TavException&) {
+      }
+      return "";
+    }
+    // A statement may build temporaries before the operation that fails; no
+    // handle holds them, so they are garbage for env.end(), swept here.
+    if (s.failAfter) sweep([](TavNumExprI*) { return true; });
+    const TavInt objects = ei()->getLiveObjectCount(), terms = ei()->getLiveTermCount();
+    bool threw = false, nothingMerged = false;
+    if (s.failAfter) {
+      std::vector<TavNumExprI*> before;
+      for (std::size_t i = 0; i < slots.size(); ++i) before.push_back(live(i) ? arg(i).getImpl() : nullptr);
+      ei()->getMemory().failAfter(s.failAfter);
+      bool failed = false;
+      try {
+        act(s, threw, nothingMerged);
+      } catch (const std::bad_alloc&) {
+        failed = true;
+      }
+      ei()->getMemory().failAfter(0);
+      if (failed) {
+        sweep([](TavNumExprI*) { return true; });
+        if (ei()->getLiveObjectCount() != objects || ei()->getLiveTermCount() != terms)
+          return "failed allocation changed the live counts: objects " + std::to_string(objects) + " -> " +
+                 std::to_string(ei()->getLiveObjectCount()) + ", terms " + std::to_string(terms) + " -> " +
+                 std::to_string(ei()->getLiveTermCount());
+        for (std::size_t i = 0; i < before.size(); ++i)
+          if (live(i) && arg(i).getImpl() != before[i]) return "failed allocation moved handle h" + std::to_string(i);
+        std::string err = check();
+        if (!err.empty()) return "after a failed allocation: " + err;
+        act(s, threw, nothingMerged);
+      }
+    } else {
+      act(s, threw, nothingMerged);
+    }
+    if (s.kind == SDeep && ei()->getLiveObjectCount() != objects) return "deep chain left objects behind";
+    if (s.kind == SSetConst) {
+      const bool expect = !m.slots[s.slot]->parts.empty();
+      if (threw != expect) return expect ? "setNumConstant accepted a non-linear expression" : "setNumConstant threw";
+      if (threw) return "";
+    }
+    const int merges = m.apply(s);
+    if (s.kind == SNormalize) return terms_(s.slot, merges, nothingMerged);
+    return "";
+  }
+
+  int varIndex(const TavNumVar& v) const {
+    for (std::size_t i = 0; i < vars.size(); ++i)
+      if (vars[i].getImpl() == v.getImpl()) return (int)i;
+    return -1;
+  }
+  std::string terms_(int i, int merges, bool nothingMerged) {
+    const Ref& r = *m.slots[i];
+    if (r.unknown) return "";
+    const std::string h = "h" + std::to_string(i);
+    if (nothingMerged != (merges == 0)) return h + ".normalize() returned " + (nothingMerged ? "true" : "false");
+    std::ostringstream got, want;
+    bool same = true;
+    std::size_t n = 0;
+    for (TavExpr::LinearIterator it = expr(i).getLinearIterator(); it.ok(); ++it, ++n) {
+      got << " " << it.getCoef() << "*" << p.varName(varIndex(it.getVar()));
+      same = same && n < r.cells.size() && varIndex(it.getVar()) == r.cells[n].var &&
+             close(it.getCoef(), r.cells[n].coef, r.mag);
+    }
+    for (const Cell& c : r.cells) want << " " << c.coef << "*" << p.varName(c.var);
+    if (!same || n != r.cells.size()) return h + " terms after normalize:" + got.str() + " ; expected:" + want.str();
+    if (expr(i).isConstant() != (r.cells.empty() && r.parts.empty())) return h + ".isConstant() is wrong";
+    if (r.parts.empty() && !close(expr(i).getNumConstant(), r.cst, r.mag))
+      return h + ".getNumConstant() is " + str(expr(i).getNumConstant()) + ", expected " + str(r.cst);
+    return "";
+  }
+
+  std::string check() {
+    for (std::size_t i = 0; i < slots.size(); ++i) {
+      if (!live(i)) continue;
+      const std::string h = "h" + std::to_string(i);
+      const TavNumExprArg e = arg(i);
+      const Ref& r = *m.slots[i];
+      double got = 0;
+      bool threw = false;
+      try {
+        got = sol.getValue(e);
+      } catch (const TavException&) {
+        threw = true;
+      }
+      if (threw != r.throws) return h + (threw ? " threw on evaluation" : " evaluated without the expected throw");
+      const double want = m.value(r);
+      if (!threw && !close(got, want, r.mag)) return h + " is " + str(got) + ", expected " + str(want);
+      const bool integral = !std::isfinite(got) || std::floor(got) == got;
+      if (m.kinds[i] == KIntExpr && !e.getImpl()->isInteger()) return h + " is an integer handle on a non-integer node";
+      if (!threw && e.getImpl()->isInteger() && !integral) return h + " claims integrality but is " + str(got);
+      TavInt holders = 0;
+      for (std::size_t j = 0; j < slots.size(); ++j) holders += live(j) && arg(j).getImpl() == e.getImpl();
+      if (e.getImpl()->getRefCount() < holders)
+        return h + " has reference count " + std::to_string(e.getImpl()->getRefCount()) + " with " +
+               std::to_string(holders) + " handles on it";
+    }
+    return "";
+  }
+
+  /// Ends the nodes that nothing holds (count 0) and that pass the filter.
+  template <class Filter>
+  void sweep(Filter pick) {
+    std::vector<TavNumExprI*> unheld;
+    for (TavInt id = 0; id < ei()->getIdCapacity(); ++id) {
+      TavExtractableI* o = ei()->getObject(id);
+      if (o && o->isRefCountedExpr() && static_cast<TavNumExprI*>(o)->getRefCount() <= 0 &&
+          pick(static_cast<TavNumExprI*>(o)))
+        unheld.push_back(static_cast<TavNumExprI*>(o));
+    }
+    for (TavNumExprI* n : unheld) n->end();
+  }
+
+  std::string go() {
+    const TavInt baseline = ei()->getLiveObjectCount();
+    if (baseline != (TavInt)vars.size()) return "the variables alone are " + std::to_string(baseline) + " objects";
+    for (std::size_t k = 0; k < p.stmts.size(); ++k) {
+      std::string err = step(p.stmts[k]);
+      if (err.empty()) err = check();
+      if (!err.empty()) return "after statement " + std::to_string(k + 1) + ": " + err;
+    }
+    for (std::size_t i = 0; i < slots.size(); ++i) {
+      if (!live(i) || m.kinds[i] != KExpr) continue;
+      Stmt s;
+      s.kind = SNormalize;
+      s.slot = (int)i;
+      std::string err = step(s);
+      if (!err.empty()) return "at the end: " + err;
+    }
+    for (std::size_t i = 0; i < slots.size(); ++i)
+      if (live(i)) arg(i).end(), slots[i] = 0.0;
+    // An integer temporary converted to a numeric one is left as it is, for
+    // env.end(): those are the only nodes that may stay behind.
+    sweep([](TavNumExprI* n) { return n->isType(TavIntLinTermI::GetTypeInfo()); });
+    if (ei()->getLiveObjectCount() != baseline || ei()->getLiveTermCount() != 0)
+      return "after ending every handle: " + std::to_string(ei()->getLiveObjectCount() - baseline) + " nodes and " +
+             std::to_string(ei()->getLiveTermCount()) + " term cells remain";
+    return "";
+  }
+};
+
+}  // namespace
+
+Kind resultKind(Op op, Kind a, Kind b) {
+  if (op < ONeg || op > OMax || a >= KNone) return KNone;
+  return Rows[op].kind(a, b == KNone ? KDouble : b);
+}
+
+bool assignable(Kind h, char op, Kind x) {
+  if (h >= KNone || x >= KNone) return false;
+  return Assigns[assignIndex(op)](proto(h), proto(x), false);
+}
+
+std::string run(const Program& p) {
+  Runner r(p);
+  std::string err;
+  try {
+    err = r.go();
+  } catch (const std::exception& e) {
+    err = std::string("unexpected exception: ") + e.what();
+  }
+  r.env.end();
+  return err;
+}
+
+}  // namespace tavfuzz
