@@ -59,14 +59,14 @@ TEST(Safety, SelfAliasingFollowsArithmetic) {
     double expected;
     double (*run)(Vals&);
   } rows[] = {
-      {"h -= h (linear)", 0, [](Vals& m) { TavNumExpr h(m.x + m.y); h -= h; return m.val(h); }},
+      {"h -= h (linear)", 0, [](Vals& m) { TavNumExpr h(m.x + m.y); auto& same = h; h -= same; return m.val(h); }},
       {"h += h (linear)", 16, [](Vals& m) { TavNumExpr h(m.x + m.y); h += h; return m.val(h); }},
-      {"h -= h (folded product)", 0, [](Vals& m) { TavNumExpr h((m.x * m.y) * 2.0); h -= h; return m.val(h); }},
+      {"h -= h (folded product)", 0, [](Vals& m) { TavNumExpr h((m.x * m.y) * 2.0); auto& same = h; h -= same; return m.val(h); }},
       {"h += h (folded product)", 60, [](Vals& m) { TavNumExpr h((m.x * m.y) * 2.0); h += h; return m.val(h); }},
-      {"h -= h (integer sum)", 0, [](Vals& m) { TavNumExpr h(m.i + m.j); h -= h; return m.val(h); }},
-      {"k -= k", 0, [](Vals& m) { TavIntExpr k(m.i + m.j); k -= k; return m.val(k); }},
+      {"h -= h (integer sum)", 0, [](Vals& m) { TavNumExpr h(m.i + m.j); auto& same = h; h -= same; return m.val(h); }},
+      {"k -= k", 0, [](Vals& m) { TavIntExpr k(m.i + m.j); auto& same = k; k -= same; return m.val(k); }},
       {"k += k", 18, [](Vals& m) { TavIntExpr k(m.i + m.j); k += k; return m.val(k); }},
-      {"e -= e", 0, [](Vals& m) { TavExpr e(m.x + m.y); e -= e; return m.val(e); }},
+      {"e -= e", 0, [](Vals& m) { TavExpr e(m.x + m.y); auto& same = e; e -= same; return m.val(e); }},
       {"e += e", 16, [](Vals& m) { TavExpr e(m.x + m.y); e += e; return m.val(e); }},
       {"a - a (temporary)", 0, [](Vals& m) { TavNumExprArg a = m.x + m.y; return m.val(a - a); }},
       {"a + a (temporary)", 16, [](Vals& m) { TavNumExprArg a = m.x + m.y; return m.val(a + a); }},
