@@ -25,12 +25,8 @@ std::string text(const TavNumExprArg& e) {
 
 // Operands: x, y continuous; i, j integer; P = x*y and N = i*j for the
 // builders that keep variables linear.
-struct Model {
-  TavEnv env;
-  TavNumVar x{env, -100, 100, TavNumVar::Float, "x"};
-  TavNumVar y{env, -100, 100, TavNumVar::Float, "y"};
-  TavIntVar i{env, -100, 100, "i"};
-  TavIntVar j{env, -100, 100, "j"};
+struct Model : NamedVars {
+  Model() : NamedVars(-100, 100) {}
   TavNumExpr P{x * y};
   TavIntExpr N{i * j};
   TavSolution sol{env};

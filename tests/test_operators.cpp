@@ -52,12 +52,7 @@ std::string shape(const TavNumExprArg& e) {
 }
 
 // Named variables and two named non-linear nodes: P = x*y, Q = y*x, N = i*j.
-struct Model {
-  TavEnv env;
-  TavNumVar x{env, 0, 10, TavNumVar::Float, "x"};
-  TavNumVar y{env, 0, 10, TavNumVar::Float, "y"};
-  TavIntVar i{env, 0, 10, "i"};
-  TavIntVar j{env, 0, 10, "j"};
+struct Model : NamedVars {
   TavNumExprArg named(TavNumExprArg e, const char* name) {
     e.getImpl()->setName(name);
     return e;

@@ -12,14 +12,9 @@
 #include "test_support.h"
 
 namespace {
-struct Vals {
-  TavEnv env;
-  TavNumVar x{env, -10, 10, TavNumVar::Float, "x"};
-  TavNumVar y{env, -10, 10, TavNumVar::Float, "y"};
-  TavIntVar i{env, -10, 10, "i"};
-  TavIntVar j{env, -10, 10, "j"};
+struct Vals : NamedVars {
   TavSolution sol{env};
-  Vals() {
+  Vals() : NamedVars(-10, 10) {
     sol.setValue(x, 3);
     sol.setValue(y, 5);
     sol.setValue(i, 7);
@@ -156,12 +151,7 @@ namespace {
 // failed operation must leave as it was. An operation is one operator or
 // call over these handles: in `(a + b) * c`, a failing product leaves the
 // sum's temporary to env.end(), as a temporary nobody reads again.
-struct Model {
-  TavEnv env;
-  TavNumVar x{env, 0, 10, TavNumVar::Float, "x"};
-  TavNumVar y{env, 0, 10, TavNumVar::Float, "y"};
-  TavIntVar i{env, 0, 10, "i"};
-  TavIntVar j{env, 0, 10, "j"};
+struct Model : NamedVars {
   TavNumVarArray xs{env, 3, x, y, i};
   TavIntVarArray is{env, 2, i, j};
   TavExpr e{2 * x + 3 * y + x * y + 1.0};

@@ -41,6 +41,19 @@ std::string messageOf(F&& f) {
   return "<no throw>";
 }
 
+/// A fresh environment with two continuous (x, y) and two integer (i, j)
+/// named variables in [lo, hi].
+struct NamedVars {
+  explicit NamedVars(TavInt lo = 0, TavInt hi = 10)
+      : x(env, (double)lo, (double)hi, TavNumVar::Float, "x"),
+        y(env, (double)lo, (double)hi, TavNumVar::Float, "y"),
+        i(env, lo, hi, "i"),
+        j(env, lo, hi, "j") {}
+  TavEnv env;
+  TavNumVar x, y;
+  TavIntVar i, j;
+};
+
 /// A change record class of the tests' own.
 class NoteChange : public TavChangeNode<NoteChange> {
   TAV_CHANGE_STATICS
@@ -60,6 +73,7 @@ struct RecordingAlg : TavAlgorithmI {
 }  // namespace tavtest
 
 using tavtest::messageOf;
+using tavtest::NamedVars;
 using tavtest::NoteChange;
 using tavtest::RecordingAlg;
 using tavtest::show;
