@@ -2,6 +2,12 @@
 // cloning and the array-wide bound change.
 #include "arrays.h"
 
+#include <vector>
+
+#include "checks.h"
+
+TAV_DEFINE_CHANGE_STATICS(TavSetNumVarArrayBounds)
+
 namespace {
 template <class Array>
 void lockAll(const Array& a) {
@@ -71,7 +77,7 @@ TavIntExprArray TavIntVarArray::toIntExprArray() const { return sameElements<Tav
 TavNumVarArray TavIntVarArray::toNumVarArray() const { return sameElements<TavNumVarArray>(*this); }
 
 void TavNumVarArray::setBounds(TavNumArray lbs, TavNumArray ubs) const {
-  if (lbs.getImpl() == nullptr || ubs.getImpl() == nullptr) throw TavEmptyHandleException();
+  tav_detail::needAll(lbs, ubs);
   TavEnvI* env = nullptr;
   for (TavInt i = 0; i < getSize(); ++i) {
     TavNumVarI* var = getElement(i);
@@ -101,17 +107,10 @@ const char* const TavNumVarArray::ListMessages[11] = {
 const char* const TavIntVarArray::ListMessages[11] = TAV_LIST_MESSAGES("TavIntVarArray::TavIntVarArray: n !=");
 const char* const TavBoolVarArray::ListMessages[11] = TAV_LIST_MESSAGES("TavBoolVarArray::TavBoolVarArray: n !=");
 
+using tav_detail::envOf;
+using tav_detail::needAll;
+
 namespace {
-TavEnvI* need(TavEnv env) {
-  if (env.getImpl() == nullptr) throw TavEmptyHandleException();
-  return env.getImpl();
-}
-
-template <class... A>
-void needAll(const A&... arrays) {
-  if (((arrays.getImpl() == nullptr) || ...)) throw TavEmptyHandleException();
-}
-
 /// Bounds are read for every index below n: each bounds array must be at
 /// least that long, checked before anything is made.
 template <class... A>
@@ -159,72 +158,72 @@ TavArrayI* fromColumns(TavEnvI* env, TavNumColumnArray cols, Make make) {
 }  // namespace
 
 TavNumVarArray::TavNumVarArray(TavEnv env, TavInt n, double lb, double ub, TavNumVar::Type type)
-    : TavHandleArray(build<TavNumVarArray>(need(env), n, [&](TavInt) {
+    : TavHandleArray(build<TavNumVarArray>(envOf(env), n, [&](TavInt) {
         return new (env.getImpl()) TavNumVarI(env.getImpl(), type, lb, ub);
       })) {}
 
 TavNumVarArray::TavNumVarArray(TavEnv env, TavNumArray lbs, TavNumArray ubs, TavNumVar::Type type)
     : TavHandleArray((needAll(lbs, ubs), needLength(lbs.getSize(), NumPairMessage, ubs),
-                      build<TavNumVarArray>(need(env), lbs.getSize(), [&](TavInt i) {
+                      build<TavNumVarArray>(envOf(env), lbs.getSize(), [&](TavInt i) {
                         return new (env.getImpl()) TavNumVarI(env.getImpl(), type, lbs[i], ubs[i]);
                       }))) {}
 
 TavNumVarArray::TavNumVarArray(TavEnv env, double lb, TavNumArray ubs, TavNumVar::Type type)
-    : TavHandleArray((needAll(ubs), build<TavNumVarArray>(need(env), ubs.getSize(), [&](TavInt i) {
+    : TavHandleArray((needAll(ubs), build<TavNumVarArray>(envOf(env), ubs.getSize(), [&](TavInt i) {
                         return new (env.getImpl()) TavNumVarI(env.getImpl(), type, lb, ubs[i]);
                       }))) {}
 
 TavNumVarArray::TavNumVarArray(TavEnv env, TavNumArray lbs, double ub, TavNumVar::Type type)
-    : TavHandleArray((needAll(lbs), build<TavNumVarArray>(need(env), lbs.getSize(), [&](TavInt i) {
+    : TavHandleArray((needAll(lbs), build<TavNumVarArray>(envOf(env), lbs.getSize(), [&](TavInt i) {
                         return new (env.getImpl()) TavNumVarI(env.getImpl(), type, lbs[i], ub);
                       }))) {}
 
 TavNumVarArray::TavNumVarArray(TavEnv env, TavNumColumnArray cols, TavNumVar::Type type)
-    : TavHandleArray(fromColumns<TavNumVarArray>(need(env), cols, [&](TavNumColumn c, TavInt) {
+    : TavHandleArray(fromColumns<TavNumVarArray>(envOf(env), cols, [&](TavNumColumn c, TavInt) {
         return TavNumVar(c, 0.0, TavGetInfinity(), type).getImpl();
       })) {}
 
 TavNumVarArray::TavNumVarArray(TavEnv env, TavNumColumnArray cols, TavNumArray lbs, TavNumArray ubs,
                                TavNumVar::Type type)
     : TavHandleArray((needAll(cols, lbs, ubs), needLength(cols.getSize(), NumColumnMessage, lbs, ubs),
-                      fromColumns<TavNumVarArray>(need(env), cols, [&](TavNumColumn c, TavInt i) {
+                      fromColumns<TavNumVarArray>(envOf(env), cols, [&](TavNumColumn c, TavInt i) {
                         return TavNumVar(c, lbs[i], ubs[i], type).getImpl();
                       }))) {}
 
 TavIntVarArray::TavIntVarArray(TavEnv env, TavInt n, TavInt lb, TavInt ub)
-    : TavHandleArray(build<TavIntVarArray>(need(env), n, [&](TavInt) {
+    : TavHandleArray(build<TavIntVarArray>(envOf(env), n, [&](TavInt) {
         return new (env.getImpl()) TavNumVarI(env.getImpl(), (double)lb, (double)ub, TavNumVar::Int);
       })) {}
 
 TavIntVarArray::TavIntVarArray(TavEnv env, TavIntArray lbs, TavIntArray ubs)
     : TavHandleArray((needAll(lbs, ubs), needLength(lbs.getSize(), IntPairMessage, ubs),
-                      build<TavIntVarArray>(need(env), lbs.getSize(), [&](TavInt i) {
+                      build<TavIntVarArray>(envOf(env), lbs.getSize(), [&](TavInt i) {
                         return new (env.getImpl()) TavNumVarI(env.getImpl(), (double)lbs[i], (double)ubs[i], TavNumVar::Int);
                       }))) {}
 
 TavIntVarArray::TavIntVarArray(TavEnv env, TavInt lb, TavIntArray ubs)
-    : TavHandleArray((needAll(ubs), build<TavIntVarArray>(need(env), ubs.getSize(), [&](TavInt i) {
+    : TavHandleArray((needAll(ubs), build<TavIntVarArray>(envOf(env), ubs.getSize(), [&](TavInt i) {
                         return new (env.getImpl()) TavNumVarI(env.getImpl(), (double)lb, (double)ubs[i], TavNumVar::Int);
                       }))) {}
 
 TavIntVarArray::TavIntVarArray(TavEnv env, TavIntArray lbs, TavInt ub)
-    : TavHandleArray((needAll(lbs), build<TavIntVarArray>(need(env), lbs.getSize(), [&](TavInt i) {
+    : TavHandleArray((needAll(lbs), build<TavIntVarArray>(envOf(env), lbs.getSize(), [&](TavInt i) {
                         return new (env.getImpl()) TavNumVarI(env.getImpl(), (double)lbs[i], (double)ub, TavNumVar::Int);
                       }))) {}
 
 TavIntVarArray::TavIntVarArray(TavEnv env, TavNumColumnArray cols)
-    : TavHandleArray(fromColumns<TavIntVarArray>(need(env), cols, [](TavNumColumn c, TavInt) {
+    : TavHandleArray(fromColumns<TavIntVarArray>(envOf(env), cols, [](TavNumColumn c, TavInt) {
         return TavIntVar(c, 0, TavIntMaxExact).getImpl();
       })) {}
 
 TavIntVarArray::TavIntVarArray(TavEnv env, TavNumColumnArray cols, TavNumArray lbs, TavNumArray ubs)
     : TavHandleArray((needAll(cols, lbs, ubs), needLength(cols.getSize(), IntColumnMessage, lbs, ubs),
-                      fromColumns<TavIntVarArray>(need(env), cols, [&](TavNumColumn c, TavInt i) {
+                      fromColumns<TavIntVarArray>(envOf(env), cols, [&](TavNumColumn c, TavInt i) {
                         return TavIntVar(c, TavTrunc(lbs[i]), TavTrunc(ubs[i])).getImpl();
                       }))) {}
 
 TavBoolVarArray::TavBoolVarArray(TavEnv env, TavNumColumnArray cols)
-    : TavHandleArray(fromColumns<TavBoolVarArray>(need(env), cols, [](TavNumColumn c, TavInt) {
+    : TavHandleArray(fromColumns<TavBoolVarArray>(envOf(env), cols, [](TavNumColumn c, TavInt) {
         return TavBoolVar(TavNumVar(c, 0.0, 1.0, TavNumVar::Bool)).getImpl();
       })) {}
 
@@ -248,3 +247,62 @@ Out integralElements(const TavNumVarArray& a) {
 
 TavIntExprArray TavNumVarArray::toIntExprArray() const { return integralElements<TavIntExprArray>(*this); }
 TavIntVarArray TavNumVarArray::toIntVarArray() const { return integralElements<TavIntVarArray>(*this); }
+
+// ------------------------------------------------------------------ coefficients of many variables
+
+void TavNumLinTermI::setCoef(TavNumVarArray vars, TavNumArray coefs, TavNumArray previous) {
+  TavEnvI* env = getEnv();
+  const TavInt n = vars.getSize();
+  // Every cell the change may need is made before anything changes; the
+  // ones a present variable does not use go back at the end.
+  std::vector<TavNumLinExprTermI*> spare;
+  try {
+    for (TavInt i = 0; i < n; ++i)
+      if (coefs[i] != 0.0) {
+        if (spare.size() == spare.capacity()) spare.reserve(2 * spare.size() + 8);
+        spare.push_back(env->newTerm(vars.getElement(i), coefs[i]));
+      }
+    normalize();
+  } catch (...) {
+    for (TavNumLinExprTermI* c : spare) env->recycleTerm(c);
+    throw;
+  }
+  std::size_t used = 0;
+  // Always the per-variable marks, under markLock.
+  TavMutex* lock = env->getMarkLock();
+  if (lock) lock->lock();
+  try {
+    for (TavInt i = 0; i < n; ++i) vars.getElement(i)->_mark = nullptr;
+    for (TavNumLinExprTermI* t = _first; t; t = t->_next) t->_var->_mark = t;
+    for (TavInt i = 0; i < n; ++i) {
+      TavNumVarI* v = vars.getElement(i);
+      double c = coefs[i];
+      TavNumLinExprTermI* t = v->_mark;
+      double old = 0.0;
+      if (c != 0.0) ++used;
+      if (t == nullptr) {
+        if (c != 0.0) {
+          append(spare[used - 1]);
+          spare[used - 1] = nullptr;
+          TavNotify<TavNumLinTermAddVar>(this, this, v);
+        }
+      } else {
+        old = t->_coef;
+        t->_coef = c;
+        if (old != 0.0 && c == 0.0) TavNotify<TavNumLinTermRemoveVar>(this, this, v);
+        else if (old == 0.0 && c != 0.0) TavNotify<TavNumLinTermAddVar>(this, this, v);
+      }
+      if (previous.getImpl()) previous[i] = old;
+    }
+  } catch (...) {
+    _normalized = 1;
+    if (lock) lock->unlock();
+    for (TavNumLinExprTermI* c : spare)
+      if (c) env->recycleTerm(c);
+    throw;
+  }
+  _normalized = 1;
+  if (lock) lock->unlock();
+  for (TavNumLinExprTermI* c : spare)
+    if (c) env->recycleTerm(c);
+}

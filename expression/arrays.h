@@ -136,4 +136,20 @@ class TavBoolVarArray : public TavHandleArray<TavBoolVar, TavNumVarI> {
 };
 
 
+/// New bounds of a whole array of variables.
+class TavSetNumVarArrayBounds : public TavChangeNode<TavSetNumVarArrayBounds> {
+  TAV_CHANGE_STATICS
+ public:
+  static constexpr const char* RttiName = "TavSetNumVarArrayBounds";
+  TavSetNumVarArrayBounds(TavArrayI* vars, TavArrayI* lbs, TavArrayI* ubs) : _vars(vars), _lbs(lbs), _ubs(ubs) {}
+  TavNumVarArray getVars() const { return TavNumVarArray(_vars); }
+  TavNumArray getLBs() const { return TavNumArray(_lbs); }
+  TavNumArray getUBs() const { return TavNumArray(_ubs); }
+
+ private:
+  TavArrayI* _vars;
+  TavArrayI* _lbs;
+  TavArrayI* _ubs;
+};
+
 #endif

@@ -1,21 +1,17 @@
 // Expression handles: counting, compound assignment, the in-place editing of
 // TavExpr with copy on write, and term handles.
 #include "arrays.h"
-#include "operators.h"
+#include "checks.h"
+
+using tav_detail::livesIn;
+using tav_detail::isIntLin;
+using tav_detail::isNumLin;
+using tav_detail::need;
+using tav_detail::numFromInt;
+using tav_detail::sameEnv;
 
 namespace {
-TavNumExprI* need(TavNumExprI* e) {
-  if (e == nullptr) throw TavEmptyHandleException();
-  return e;
-}
 
-bool isVar(TavNumExprI* e) { return e->isType(TavNumVarI::GetTypeInfo()); }
-bool isNumLin(TavNumExprI* e) { return e->isType(TavNumLinTermI::GetTypeInfo()); }
-bool isIntLin(TavNumExprI* e) { return e->isType(TavIntLinTermI::GetTypeInfo()); }
-
-/// The numeric form of an integer linear node, which is left as it is: a
-/// handle may still read it, so even a temporary waits for env.end().
-TavNumLinTermI* numFromInt(TavNumExprI* e) { return static_cast<TavIntLinTermI*>(e)->toNumLinTermI(); }
 }  // namespace
 
 // ------------------------------------------------------------------ TavNumExprArg
@@ -71,56 +67,6 @@ void TavNumExpr::reassign(TavNumExprI* result) {
   _impl = result;
 }
 
-namespace {
-// e op= x: the handle's reference moves from the old node to the result;
-// the old node is then held by the result or consumed into it (the operator
-// may end it, so it is not read afterwards).
-template <class Build>
-void compound(TavNumExpr& h, Build build) {
-  TavNumExprI* old = need(h.getImpl());
-  old->unlockRef();
-  TavNumExprArg result;
-  try {
-    result = build(TavNumExprArg(old));
-  } catch (...) {
-    old->lockRef();
-    throw;
-  }
-  h.reassign(result.getImpl());
-}
-}  // namespace
-
-TavNumExpr& TavNumExpr::operator+=(const TavNumExprArg& arg) {
-  if (need(_impl)->getEnv() != need(arg.getImpl())->getEnv())
-    throw TavWrongUsage("TavNumExpr& TavNumExpr::operator += const TavNumExprArg arg : mixing mismatch Environments", 0);
-  compound(*this, [&](TavNumExprArg e) { return e + arg; });
-  return *this;
-}
-
-TavNumExpr& TavNumExpr::operator-=(const TavNumExprArg& arg) {
-  if (need(_impl)->getEnv() != need(arg.getImpl())->getEnv())
-    throw TavWrongUsage("TavNumExpr& TavNumExpr::operator -= const TavNumExprArg arg : mixing mismatch Environments", 0);
-  compound(*this, [&](TavNumExprArg e) { return e - arg; });
-  return *this;
-}
-
-TavNumExpr& TavNumExpr::operator+=(double d) {
-  compound(*this, [d](TavNumExprArg e) { return e + d; });
-  return *this;
-}
-TavNumExpr& TavNumExpr::operator-=(double d) {
-  compound(*this, [d](TavNumExprArg e) { return e - d; });
-  return *this;
-}
-TavNumExpr& TavNumExpr::operator*=(double d) {
-  compound(*this, [d](TavNumExprArg e) { return e * d; });
-  return *this;
-}
-TavNumExpr& TavNumExpr::operator/=(double d) {
-  compound(*this, [d](TavNumExprArg e) { return e / d; });
-  return *this;
-}
-
 TavNumExpr TavNumExpr::getClone() const {
   return TavNumExpr(static_cast<TavNumExprI*>(need(_impl)->getEnv()->getClone(_impl)));
 }
@@ -152,28 +98,8 @@ TavExpr::TavExpr(TavIntLinExprTerm t) : TavNumExpr(t) {}
 
 TavNumLinTermI* TavExpr::getImpl() const { return static_cast<TavNumLinTermI*>(_impl); }
 
-template <class F>
-TavExpr& TavExpr::edit(F f) {
-  TavNumLinTermI* lin = static_cast<TavNumLinTermI*>(need(_impl));
-  if (lin->getRefCount() <= 1) {
-    f(lin);
-    return *this;
-  }
-  TavNumLinTermI* copy = static_cast<TavNumLinTermI*>(lin->copy());
-  try {
-    f(copy);
-  } catch (...) {
-    copy->end();  // held by nothing yet
-    throw;
-  }
-  lin->unlockRef();
-  copy->lockRef();
-  _impl = copy;
-  return *this;
-}
-
 void TavExpr::checkEnv(TavEnvI* other, const char* message) const {
-  if (need(_impl)->getEnv() != other) throw TavWrongUsage(message, 0);
+  sameEnv(need(_impl)->getEnv(), other, message);
 }
 
 TavExpr& TavExpr::operator+=(double d) {
@@ -198,7 +124,7 @@ TavExpr& addVar(TavExpr& e, const V& v, double coef, const char* message) {
   // The cell comes from the expression's environment: the variable's only
   // decides a branch, so the allocation need not wait for the owner look-up.
   TavEnvI* env = need(e.getImpl())->getEnv();
-  if (TavVarEnv(var) != env) throw TavWrongUsage(message, 0);
+  sameEnv(TavVarEnv(var), env, message);
   return e.edit([&](TavNumLinTermI* lin) { lin->append(env->newTerm(var, coef)); });
 }
 }  // namespace
@@ -221,7 +147,7 @@ namespace {
 // the handle's, so the environment's counters are as they were.
 TavExpr& addCell(TavExpr& e, TavNumLinExprTermI* cell, bool negate, const char* message) {
   TavEnvI* env = TavVarEnv(TavTakeCell(cell)->_var);
-  if (need(e.getImpl())->getEnv() != env) throw TavWrongUsage(message, 0);
+  sameEnv(need(e.getImpl())->getEnv(), env, message);
   return e.edit([&](TavNumLinTermI* lin) {
     if (negate) cell->_coef = -cell->_coef;
     lin->append(cell);
@@ -246,66 +172,6 @@ TavExpr& TavExpr::operator-=(TavIntLinExprTerm t) {
                  "TavExpr& TavExpr::operator -= const TavIntLinExprTerm arg : mixing mismatch Environments");
 }
 
-namespace {
-/// A linear operand to merge into another node: itself when it is a
-/// temporary, else a copy (an integer one is converted and left as it is),
-/// negated when asked. A failure leaves the operand as it was.
-TavNumLinTermI* mergeable(TavNumExprI* e, bool negate) {
-  TavNumLinTermI* other = isIntLin(e) ? numFromInt(e) : static_cast<TavNumLinTermI*>(e->getRefCount() > 0 ? e->copy() : e);
-  if (negate) {
-    try {
-      other->multiply(-1.0);
-    } catch (...) {
-      if (other != e) other->end();
-      throw;
-    }
-  }
-  return other;
-}
-
-/// e += a (or e -= a): a variable as a cell, a linear node merged, any other
-/// node filed as a non-linear part (negated through the operator for -=).
-void addExpr(TavExpr& h, const TavNumExprArg& a, bool negate) {
-  TavNumExprI* e = a.getImpl();
-  h.edit([&](TavNumLinTermI* lin) {
-    if (isVar(e)) {
-      lin->append(e->getEnv()->newTerm(static_cast<TavNumVarI*>(e), negate ? -1.0 : 1.0));
-    } else if (isNumLin(e) || isIntLin(e)) {
-      lin->append(mergeable(e, negate));
-    } else {
-      TavNumLinPartI* part = lin->newPart();  // first: -a may consume a temporary a
-      TavNumExprI* summand = e;
-      try {
-        if (negate) summand = (-a).getImpl();
-      } catch (...) {
-        lin->getEnv()->free(part);
-        throw;
-      }
-      lin->linkPart(part, summand);
-    }
-  });
-}
-
-/// Refuses a variable of another (or an ended) environment before anything changes.
-void sameEnvAs(const TavNumLinTermI* lin, const TavExtractableI* obj, const char* message) {
-  if (obj && TavMemory::EnvOf(obj) != lin->getEnv()) throw TavWrongUsage(message, 0);
-}
-}  // namespace
-
-TavExpr& TavExpr::operator+=(const TavNumExprArg& a) {
-  TavNumExprI* e = need(a.getImpl());
-  checkEnv(e->getEnv(), "TavExpr& TavNumExpr::operator += const TavNumExprArg arg : mixing mismatch Environments");
-  addExpr(*this, a, false);
-  return *this;
-}
-
-TavExpr& TavExpr::operator-=(const TavNumExprArg& a) {
-  TavNumExprI* e = need(a.getImpl());
-  checkEnv(e->getEnv(), "TavExpr& TavExpr::operator -= const TavNumExprArg arg : mixing mismatch Environments");
-  addExpr(*this, a, true);
-  return *this;
-}
-
 void TavExpr::clear() {
   edit([](TavNumLinTermI* lin) { lin->clear(); });
 }
@@ -317,19 +183,18 @@ void TavExpr::setNumConstant(double c) {
 
 void TavExpr::setLinearCoef(const TavNumVar& v, double c) {
   TavNumLinTermI* lin = static_cast<TavNumLinTermI*>(need(_impl));
-  sameEnvAs(lin, need(v.getImpl()), "TavExpr::setLinearCoef const TavNumVar var : mixing mismatch Environments");
+  livesIn(lin->getEnv(), need(v.getImpl()), "TavExpr::setLinearCoef const TavNumVar var : mixing mismatch Environments");
   edit([&](TavNumLinTermI* own) { own->setCoef(v, c); });
 }
 
 void TavExpr::setLinearCoefs(TavNumVarArray vars, TavNumArray coefs) {
   TavNumLinTermI* lin = static_cast<TavNumLinTermI*>(need(_impl));
-  if (vars.getImpl() == nullptr || coefs.getImpl() == nullptr) throw TavEmptyHandleException();
+  tav_detail::needAll(vars, coefs);
   if (coefs.getSize() < vars.getSize())
     throw TavWrongUsage("TavExpr::setLinearCoefs: fewer coefficients than variables", 0);
   for (TavInt i = 0; i < vars.getSize(); ++i) {
-    TavNumVarI* v = vars.getElement(i);
-    if (v == nullptr) throw TavEmptyHandleException();
-    sameEnvAs(lin, v, "TavExpr::setLinearCoefs const TavNumVarArray vars : mixing mismatch Environments");
+    livesIn(lin->getEnv(), need(vars.getElement(i)),
+            "TavExpr::setLinearCoefs const TavNumVarArray vars : mixing mismatch Environments");
   }
   edit([&](TavNumLinTermI* own) { own->setCoef(vars, coefs, TavNumArray()); });
 }
@@ -338,9 +203,9 @@ void TavExpr::remove(TavNumVarArray vars) { remove(TavExtractableArray(vars.getI
 
 void TavExpr::remove(TavExtractableArray objects) {
   TavNumLinTermI* lin = static_cast<TavNumLinTermI*>(need(_impl));
-  if (objects.getImpl() == nullptr) throw TavEmptyHandleException();
+  need(objects);
   for (TavInt i = 0; i < objects.getSize(); ++i)
-    sameEnvAs(lin, objects.getObject(i), "TavExpr::remove const TavExtractableArray objects : mixing mismatch Environments");
+    livesIn(lin->getEnv(), objects.getObject(i), "TavExpr::remove const TavExtractableArray objects : mixing mismatch Environments");
   edit([&](TavNumLinTermI* own) { own->remove(objects); });
 }
 
@@ -383,48 +248,6 @@ TavIntExpr::TavIntExpr(TavIntLinExprTerm t) : TavNumExpr(static_cast<TavNumExprI
 
 TavIntExpr::TavIntExpr(const TavIntExprArg& arg) : TavNumExpr(static_cast<TavNumExprI*>(arg.getImpl())) {
   if (_impl) _impl->lockRef();
-}
-
-void TavIntExpr::reassign(TavIntExprI* result) {
-  result->lockRef();
-  _impl = result;
-}
-
-namespace {
-template <class Build>
-void intCompound(TavIntExpr& h, Build build) {
-  TavIntExprI* old = static_cast<TavIntExprI*>(need(h.getImpl()));
-  old->unlockRef();
-  TavIntExprArg result;
-  try {
-    result = build(TavIntExprArg(old));
-  } catch (...) {
-    old->lockRef();
-    throw;
-  }
-  h = TavIntExpr(result);
-}
-}  // namespace
-
-TavIntExpr& TavIntExpr::operator+=(TavInt c) {
-  intCompound(*this, [c](TavIntExprArg e) { return e + c; });
-  return *this;
-}
-TavIntExpr& TavIntExpr::operator-=(TavInt c) {
-  intCompound(*this, [c](TavIntExprArg e) { return e - c; });
-  return *this;
-}
-TavIntExpr& TavIntExpr::operator*=(TavInt c) {
-  intCompound(*this, [c](TavIntExprArg e) { return e * c; });
-  return *this;
-}
-TavIntExpr& TavIntExpr::operator+=(const TavIntExprArg& a) {
-  intCompound(*this, [&a](TavIntExprArg e) { return e + a; });
-  return *this;
-}
-TavIntExpr& TavIntExpr::operator-=(const TavIntExprArg& a) {
-  intCompound(*this, [&a](TavIntExprArg e) { return e - a; });
-  return *this;
 }
 
 // ------------------------------------------------------------------ terms

@@ -5,8 +5,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "arrays.h"
-#include "operators.h"
 #include "stack.h"
 #include "variables.h"
 
@@ -402,45 +400,6 @@ bool TavNumLinTermI::isInteger() const {
   return TavNumIsInteger(_constant);
 }
 
-namespace {
-// Replaces every part p of a linear node by the node built from p. Every new
-// part is built before the first one is swapped in, so a failure leaves the
-// node as it was.
-template <class Build>
-void rebuildParts(TavNumLinPartI* first, TavEnvI* env, Build build) {
-  if (first == nullptr) return;
-  std::vector<TavNumExprI*> made;
-  try {
-    for (TavNumLinPartI* p = first; p; p = p->_next) {
-      if (made.size() == made.capacity()) made.reserve(2 * made.size() + 8);  // room first: a node must be recorded
-      TavNumExprI* m = build(p->_expr);
-      m->lockRef();
-      made.push_back(m);
-    }
-  } catch (...) {
-    for (TavNumExprI* m : made) env->release(m);
-    throw;
-  }
-  std::size_t i = 0;
-  for (TavNumLinPartI* p = first; p; p = p->_next) {
-    TavNumExprI* old = p->_expr;
-    p->_expr = made[i++];
-    env->release(old);
-  }
-}
-}  // namespace
-
-void TavNumLinTermI::multiply(double d) {
-  rebuildParts(_firstPart, getEnv(), [d](TavNumExprI* p) { return (TavNumExprArg(p) * d).getImpl(); });
-  for (TavNumLinExprTermI* t = _first; t; t = t->_next) t->_coef *= d;
-  _constant *= d;
-}
-
-void TavNumLinTermI::divide(double d) {
-  rebuildParts(_firstPart, getEnv(), [d](TavNumExprI* p) { return (TavNumExprArg(p) / d).getImpl(); });
-  for (TavNumLinExprTermI* t = _first; t; t = t->_next) t->_coef /= d;
-  _constant /= d;
-}
 
 namespace {
 // Per-variable scratch slots for one operation: the environment's mark array
@@ -537,63 +496,6 @@ double TavNumLinTermI::setCoef(TavNumVar var, double c) {
   return 0.0;
 }
 
-void TavNumLinTermI::setCoef(TavNumVarArray vars, TavNumArray coefs, TavNumArray previous) {
-  TavEnvI* env = getEnv();
-  const TavInt n = vars.getSize();
-  // Every cell the change may need is made before anything changes; the
-  // ones a present variable does not use go back at the end.
-  std::vector<TavNumLinExprTermI*> spare;
-  try {
-    for (TavInt i = 0; i < n; ++i)
-      if (coefs[i] != 0.0) {
-        if (spare.size() == spare.capacity()) spare.reserve(2 * spare.size() + 8);
-        spare.push_back(env->newTerm(vars.getElement(i), coefs[i]));
-      }
-    normalize();
-  } catch (...) {
-    for (TavNumLinExprTermI* c : spare) env->recycleTerm(c);
-    throw;
-  }
-  std::size_t used = 0;
-  // Always the per-variable marks, under markLock.
-  TavMutex* lock = env->getMarkLock();
-  if (lock) lock->lock();
-  try {
-    for (TavInt i = 0; i < n; ++i) vars.getElement(i)->_mark = nullptr;
-    for (TavNumLinExprTermI* t = _first; t; t = t->_next) t->_var->_mark = t;
-    for (TavInt i = 0; i < n; ++i) {
-      TavNumVarI* v = vars.getElement(i);
-      double c = coefs[i];
-      TavNumLinExprTermI* t = v->_mark;
-      double old = 0.0;
-      if (c != 0.0) ++used;
-      if (t == nullptr) {
-        if (c != 0.0) {
-          append(spare[used - 1]);
-          spare[used - 1] = nullptr;
-          TavNotify<TavNumLinTermAddVar>(this, this, v);
-        }
-      } else {
-        old = t->_coef;
-        t->_coef = c;
-        if (old != 0.0 && c == 0.0) TavNotify<TavNumLinTermRemoveVar>(this, this, v);
-        else if (old == 0.0 && c != 0.0) TavNotify<TavNumLinTermAddVar>(this, this, v);
-      }
-      if (previous.getImpl()) previous[i] = old;
-    }
-  } catch (...) {
-    _normalized = 1;
-    if (lock) lock->unlock();
-    for (TavNumLinExprTermI* c : spare)
-      if (c) env->recycleTerm(c);
-    throw;
-  }
-  _normalized = 1;
-  if (lock) lock->unlock();
-  for (TavNumLinExprTermI* c : spare)
-    if (c) env->recycleTerm(c);
-}
-
 bool TavNumLinTermI::isLinear() const {
   // Parameters (index nodes, element and sub-map nodes indexed by constants)
   // are not among the node kinds built so far: any part makes it non-linear.
@@ -610,14 +512,6 @@ TavIntExprI* TavIntLinTermI::intCopy() { return copyInto(new (getEnv()) TavIntLi
 
 TavNumLinTermI* TavIntLinTermI::toNumLinTermI() {
   return copyInto(new (getEnv()) TavNumLinTermI(getEnv(), (double)_constant));
-}
-
-void TavIntLinTermI::multiply(TavInt k) {
-  rebuildParts(_firstPart, getEnv(), [k](TavNumExprI* p) {
-    return (TavIntExprArg(static_cast<TavIntExprI*>(p)) * k).getImpl();
-  });
-  for (TavNumLinExprTermI* t = _first; t; t = t->_next) t->_coef *= (double)k;
-  _constant *= k;
 }
 
 // ------------------------------------------------------------------ numbers

@@ -3,8 +3,14 @@
 // by numbers fold into linear nodes and constant-factor nodes.
 #include "operators.h"
 
+#include <vector>
+
 #include "arithmetic.h"
+#include "checks.h"
 #include "functions.h"
+
+using tav_detail::need;
+using tav_detail::sameEnv;
 
 namespace {
 
@@ -15,15 +21,6 @@ Kind kindOf(TavNumExprI* e) {
   if (e->isType(TavNumLinTermI::GetTypeInfo())) return Kind::NumLin;
   if (e->isType(TavIntLinTermI::GetTypeInfo())) return Kind::IntLin;
   return Kind::Other;
-}
-
-TavNumExprI* need(TavNumExprI* e) {
-  if (e == nullptr) throw TavEmptyHandleException();
-  return e;
-}
-
-void sameEnv(TavEnvI* a, TavEnvI* b, const char* message) {
-  if (a != b) throw TavWrongUsage(message, 0);
 }
 
 /// Ends a temporary (uncounted) node that an operator consumed.
@@ -503,3 +500,53 @@ TavIntExprArg operator%(TavInt k, const TavIntExprArg& e) {
 
 TavIntExprArg operator%(const TavIntExprArg& e, int k) { return e % (TavInt)k; }
 TavIntExprArg operator%(int k, const TavIntExprArg& e) { return (TavInt)k % e; }
+
+// ------------------------------------------------------------------ scaling linear nodes
+
+namespace {
+// Replaces every part p of a linear node by the node built from p. Every new
+// part is built before the first one is swapped in, so a failure leaves the
+// node as it was.
+template <class Build>
+void rebuildParts(TavNumLinPartI* first, TavEnvI* env, Build build) {
+  if (first == nullptr) return;
+  std::vector<TavNumExprI*> made;
+  try {
+    for (TavNumLinPartI* p = first; p; p = p->_next) {
+      if (made.size() == made.capacity()) made.reserve(2 * made.size() + 8);  // room first: a node must be recorded
+      TavNumExprI* m = build(p->_expr);
+      m->lockRef();
+      made.push_back(m);
+    }
+  } catch (...) {
+    for (TavNumExprI* m : made) env->release(m);
+    throw;
+  }
+  std::size_t i = 0;
+  for (TavNumLinPartI* p = first; p; p = p->_next) {
+    TavNumExprI* old = p->_expr;
+    p->_expr = made[i++];
+    env->release(old);
+  }
+}
+}  // namespace
+
+void TavNumLinTermI::multiply(double d) {
+  rebuildParts(_firstPart, getEnv(), [d](TavNumExprI* p) { return (TavNumExprArg(p) * d).getImpl(); });
+  for (TavNumLinExprTermI* t = _first; t; t = t->_next) t->_coef *= d;
+  _constant *= d;
+}
+
+void TavNumLinTermI::divide(double d) {
+  rebuildParts(_firstPart, getEnv(), [d](TavNumExprI* p) { return (TavNumExprArg(p) / d).getImpl(); });
+  for (TavNumLinExprTermI* t = _first; t; t = t->_next) t->_coef /= d;
+  _constant /= d;
+}
+
+void TavIntLinTermI::multiply(TavInt k) {
+  rebuildParts(_firstPart, getEnv(), [k](TavNumExprI* p) {
+    return (TavIntExprArg(static_cast<TavIntExprI*>(p)) * k).getImpl();
+  });
+  for (TavNumLinExprTermI* t = _first; t; t = t->_next) t->_coef *= (double)k;
+  _constant *= k;
+}

@@ -1,17 +1,17 @@
 // Scalar products and sums.
 #include "sums.h"
 
+#include "checks.h"
 #include "operators.h"
 
 namespace {
+const char* const Mismatch = "TavScalProd: mixing mismatch environments";
 
 template <class A, class B>
 void sameSize(const A& a, const B& b) {
-  if (a.getImpl() == nullptr || b.getImpl() == nullptr) throw TavEmptyHandleException();
+  tav_detail::needAll(a, b);
   if (a.getSize() != b.getSize()) throw TavInvalidScalProdArraysException();
 }
-
-void mismatch() { throw TavWrongUsage("TavScalProd: mixing mismatch environments", 0); }
 
 /// A linear node of the variables' environment with one cell (x[i], c[i])
 /// per position, in order: nothing is merged.
@@ -20,11 +20,7 @@ Lin* overVars(const Coefs& c, const Vars& x) {
   sameSize(c, x);
   TavEnvI* env = x.getImpl()->getEnv();
   const TavInt n = x.getSize();
-  for (TavInt i = 0; i < n; ++i) {
-    TavNumVarI* v = x.getElement(i);
-    if (v == nullptr) throw TavEmptyHandleException();
-    if (v->getEnv() != env) mismatch();
-  }
+  tav_detail::elementsIn(env, x, Mismatch);
   Lin* lin = new (env) Lin(env, 0);
   try {
     for (TavInt i = 0; i < n; ++i) lin->append(env->newTerm(x.getElement(i), (double)c[i]));
@@ -41,10 +37,8 @@ Lin* overExprs(const Array& a, const Array& b) {
   sameSize(a, b);
   TavEnvI* env = a.getImpl()->getEnv();
   const TavInt n = a.getSize();
-  for (TavInt i = 0; i < n; ++i) {
-    if (a.getElement(i) == nullptr || b.getElement(i) == nullptr) throw TavEmptyHandleException();
-    if (a.getElement(i)->getEnv() != env || b.getElement(i)->getEnv() != env) mismatch();
-  }
+  tav_detail::elementsIn(env, a, Mismatch);
+  tav_detail::elementsIn(env, b, Mismatch);
   Lin* lin = new (env) Lin(env, 0);
   try {
     for (TavInt i = 0; i < n; ++i) {
@@ -82,7 +76,7 @@ TavInt wrapMul(TavInt a, TavInt b) { return (TavInt)((unsigned long)a * (unsigne
 /// back as a temporary.
 template <class Handle, class Array, class Arg>
 typename Handle::ResultArg sumOf(const Array& a) {
-  if (a.getImpl() == nullptr) throw TavEmptyHandleException();
+  tav_detail::need(a);
   Handle e(a.getEnv(), 0);
   try {
     for (TavInt i = 0; i < a.getSize(); ++i) e += Arg(a.getElement(i));

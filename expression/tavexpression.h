@@ -25,6 +25,7 @@
 
 #include "protocol.h"
 #include "linear.h"
+#include "handles.h"
 #include "variables.h"
 #include "arrays.h"
 #include "operators.h"

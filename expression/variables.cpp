@@ -4,6 +4,10 @@
 
 #include <cmath>
 
+#include "checks.h"
+
+using tav_detail::envOf;
+
 namespace {
 
 /// Bounds first: Int rounds both bounds up; Bool compares the doubles
@@ -67,16 +71,6 @@ TavVarDomainI* intValuesDomain(TavEnvI* env, TavIntArray values, TavNumVar::Type
   }
 }
 
-TavEnvI* envOf(const TavEnv& env) {
-  if (env.getImpl() == nullptr) throw TavEmptyHandleException();
-  return env.getImpl();
-}
-
-TavEnvI* envOf(const TavAddNumVar& column) {
-  if (column.getImpl() == nullptr) throw TavEmptyHandleException();
-  return column.getImpl()->getEnv();
-}
-
 /// Installs a new variable into its column; the variable goes if that fails.
 TavNumVarI* installed(const TavAddNumVar& column, TavNumVarI* var) {
   try {
@@ -94,7 +88,6 @@ TavNumVarI* installed(const TavAddNumVar& column, TavNumVarI* var) {
 
 TAV_DEFINE_NODE_STATICS(TavNumVarI)
 TAV_DEFINE_CHANGE_STATICS(TavSetNumVarBounds)
-TAV_DEFINE_CHANGE_STATICS(TavSetNumVarArrayBounds)
 TAV_DEFINE_CHANGE_STATICS(TavSetNumVarPossibleValues)
 
 TavNumVarI::TavNumVarI(TavEnvI* env, TavVarDomainI* domain, const char* name) : TavNode(env, name), _domain(domain) {}
@@ -307,21 +300,21 @@ void TavNumVarI::visitSubExtractables(TavExtractableVisitor* visitor) {
 // ------------------------------------------------------------------ TavNumVar
 
 TavNumVar::TavNumVar(TavEnv env, double lb, double ub, Type type, const char* name)
-    : TavNumExprArg(new (envOf(env)) TavNumVarI(env.getImpl(), lb, ub, type, name)) {}
+    : TavVarHandle(new (envOf(env)) TavNumVarI(env.getImpl(), lb, ub, type, name)) {}
 
 TavNumVar::TavNumVar(TavEnv env, double lb, double ub, const char* name) : TavNumVar(env, lb, ub, Float, name) {}
 
 TavNumVar::TavNumVar(const TavAddNumVar& column, double lb, double ub, Type type, const char* name)
-    : TavNumExprArg(installed(column, new (envOf(column)) TavNumVarI(envOf(column), type, lb, ub, name))) {}
+    : TavVarHandle(installed(column, new (envOf(column)) TavNumVarI(envOf(column), type, lb, ub, name))) {}
 
 TavNumVar::TavNumVar(const TavAddNumVar& column, TavNumArray values, Type type, const char* name)
-    : TavNumExprArg(installed(column, new (envOf(column)) TavNumVarI(envOf(column), values, type, name))) {}
+    : TavVarHandle(installed(column, new (envOf(column)) TavNumVarI(envOf(column), values, type, name))) {}
 
 TavNumVar::TavNumVar(TavNumRange range, const char* name)
-    : TavNumExprArg(new (range.getImpl()->getEnv()) TavNumVarI(range.getImpl(), name)) {}
+    : TavVarHandle(new (envOf(range)) TavNumVarI(range.getImpl(), name)) {}
 
 TavNumVar::TavNumVar(TavEnv env, TavNumArray values, Type type, const char* name)
-    : TavNumExprArg(new (envOf(env)) TavNumVarI(env.getImpl(), values, type, name)) {}
+    : TavVarHandle(new (envOf(env)) TavNumVarI(env.getImpl(), values, type, name)) {}
 
 double TavNumVar::getLB() const { return getImpl()->getLB(); }
 double TavNumVar::getUB() const { return getImpl()->getUB(); }
@@ -347,14 +340,6 @@ void TavNumVar::setPossibleValues(TavNumArray values) const {
   getImpl()->setPossibleValues(values);
 }
 
-const char* TavNumVar::getName() const { return getImpl()->getName(); }
-void TavNumVar::setName(const char* name) const { getImpl()->setName(name); }
-TavInt TavNumVar::getId() const { return getImpl()->getId(); }
-
-void TavNumVar::end() {
-  if (_impl) getImpl()->end();
-  _impl = nullptr;
-}
 
 std::ostream& operator<<(std::ostream& os, const TavNumVar& v) {
   if (v.getImpl()) v.getImpl()->display(os);
@@ -400,25 +385,25 @@ TavNumVarI* checkedBoolFromInt(TavNumVarI* v) {
 TavNumVarI* TavCheckBoolFromNum(TavNumVarI* v) { return checkedBoolFromNum(v); }
 
 TavIntVar::TavIntVar(TavEnv env, const char* name)
-    : TavIntExprArg(new (envOf(env)) TavNumVarI(env.getImpl(), 0.0, (double)TavIntMaxExact, TavNumVar::Int, name)) {}
+    : TavVarHandle(new (envOf(env)) TavNumVarI(env.getImpl(), 0.0, (double)TavIntMaxExact, TavNumVar::Int, name)) {}
 
 TavIntVar::TavIntVar(TavEnv env, TavInt lb, TavInt ub, const char* name)
-    : TavIntExprArg(new (envOf(env)) TavNumVarI(env.getImpl(), (double)lb, (double)ub, TavNumVar::Int, name)) {}
+    : TavVarHandle(new (envOf(env)) TavNumVarI(env.getImpl(), (double)lb, (double)ub, TavNumVar::Int, name)) {}
 
 TavIntVar::TavIntVar(TavIntRange range, const char* name)
-    : TavIntExprArg(new (range.getImpl()->getEnv()) TavNumVarI(range.getImpl(), name)) {}
+    : TavVarHandle(new (envOf(range)) TavNumVarI(range.getImpl(), name)) {}
 
 TavIntVar::TavIntVar(TavEnv env, TavIntArray values, const char* name)
-    : TavIntExprArg(new (envOf(env)) TavNumVarI(env.getImpl(), values, TavNumVar::Int, name)) {}
+    : TavVarHandle(new (envOf(env)) TavNumVarI(env.getImpl(), values, TavNumVar::Int, name)) {}
 
 TavIntVar::TavIntVar(const TavAddNumVar& column, TavInt lb, TavInt ub, const char* name)
-    : TavIntExprArg(installed(
+    : TavVarHandle(installed(
           column, new (envOf(column)) TavNumVarI(envOf(column), (double)lb, (double)ub, TavNumVar::Int, name))) {}
 
 TavIntVar::TavIntVar(const TavAddNumVar& column, TavIntArray values, const char* name)
-    : TavIntExprArg(installed(column, new (envOf(column)) TavNumVarI(envOf(column), values, TavNumVar::Int, name))) {}
+    : TavVarHandle(installed(column, new (envOf(column)) TavNumVarI(envOf(column), values, TavNumVar::Int, name))) {}
 
-TavIntVar::TavIntVar(const TavNumVar& var) : TavIntExprArg(checkedIntVar(var)) {}
+TavIntVar::TavIntVar(const TavNumVar& var) : TavVarHandle(checkedIntVar(var)) {}
 
 TavInt TavIntVar::getMin() const { return TavTrunc(getImpl()->getLB()); }
 TavInt TavIntVar::getMax() const { return TavTrunc(getImpl()->getUB()); }
@@ -451,13 +436,6 @@ void TavIntVar::setPossibleValues(TavIntArray values) const {
   if (_impl == nullptr) throw TavWrongUsage("Using empty TavIntVar handle.", 0);
   if (values.getImpl() == nullptr) throw TavWrongUsage("Using empty TavIntArray handle.", 0);
   getImpl()->setPossibleValues(values);
-}
-const char* TavIntVar::getName() const { return getImpl()->getName(); }
-void TavIntVar::setName(const char* name) const { getImpl()->setName(name); }
-TavInt TavIntVar::getId() const { return getImpl()->getId(); }
-void TavIntVar::end() {
-  if (_impl) getImpl()->end();
-  _impl = nullptr;
 }
 
 // ------------------------------------------------------------------ TavBoolVar
@@ -493,7 +471,6 @@ TavBoolVar::TavBoolVar(const TavIntVar& var) : TavIntVar(checkedBoolFromInt(var.
 
 TavNumVar TavSetNumVarBounds::getVar() const { return TavNumVar(_var); }
 TavNumVar TavSetNumVarPossibleValues::getVar() const { return TavNumVar(_var); }
-TavNumVarArray TavSetNumVarArrayBounds::getVars() const { return TavNumVarArray(_vars); }
 
 // ------------------------------------------------------------------ algorithms
 

@@ -4,7 +4,8 @@
 #ifndef TAV_EXPRESSION_VARIABLES_H
 #define TAV_EXPRESSION_VARIABLES_H
 
-#include "linear.h"
+#include "checks.h"
+#include "handles.h"
 
 /// An array of arbitrary objects, coded as integers.
 class TavAnyArray : public TavIntArray {
@@ -12,13 +13,25 @@ class TavAnyArray : public TavIntArray {
   using TavIntArray::TavIntArray;
 };
 
+/// What every variable handle has beside its kind's own members: the
+/// implementation, the name and the identifier (and `end` from Arg).
+template <class Arg>
+class TavVarHandle : public Arg {
+ public:
+  using Arg::Arg;
+  TavNumVarI* getImpl() const;
+  const char* getName() const;
+  void setName(const char* name) const;
+  TavInt getId() const;
+};
+
 /// Handle over a numeric (continuous, integer or Boolean) variable.
-class TavNumVar : public TavNumExprArg {
+class TavNumVar : public TavVarHandle<TavNumExprArg> {
  public:
   /// Variable kinds; any value other than 1 and 2 is Boolean.
   enum Type : int { Int = 1, Float = 2, Bool = 3 };
 
-  TavNumVar() : TavNumExprArg(nullptr) {}
+  TavNumVar() : TavVarHandle(nullptr) {}
   TavNumVar(TavNumVarI* impl);
   /// A new variable with the bounds adjusted to its type (rounded up for
   /// Int, clamped into [0, 1] for Bool).
@@ -32,7 +45,6 @@ class TavNumVar : public TavNumExprArg {
   /// A variable taking one of the values.
   TavNumVar(TavEnv env, TavNumArray values, Type type = Float, const char* name = nullptr);
 
-  TavNumVarI* getImpl() const;
   double getLB() const;
   double getUB() const;
   void setLB(double lb) const;
@@ -42,17 +54,12 @@ class TavNumVar : public TavNumExprArg {
   /// Appends the variable's values to out.
   void getPossibleValues(TavNumArray out) const;
   void setPossibleValues(TavNumArray values) const;
-  const char* getName() const;
-  void setName(const char* name) const;
-  TavInt getId() const;
-  /// Destroys the variable.
-  void end();
 };
 
 /// Handle over an integer variable.
-class TavIntVar : public TavIntExprArg {
+class TavIntVar : public TavVarHandle<TavIntExprArg> {
  public:
-  TavIntVar() : TavIntExprArg(nullptr) {}
+  TavIntVar() : TavVarHandle(nullptr) {}
   TavIntVar(TavNumVarI* impl);
   /// A new integer variable in [0, 2^53 - 1].
   explicit TavIntVar(TavEnv env, const char* name = nullptr);
@@ -65,7 +72,6 @@ class TavIntVar : public TavIntExprArg {
   TavIntVar(const TavNumVar& var);
   operator TavNumVar() const { return TavNumVar(getImpl()); }
 
-  TavNumVarI* getImpl() const;
   TavInt getMin() const;
   TavInt getMax() const;
   double getLB() const;
@@ -76,10 +82,6 @@ class TavIntVar : public TavIntExprArg {
   TavNumVar::Type getType() const;
   void getPossibleValues(TavIntArray out) const;
   void setPossibleValues(TavIntArray values) const;
-  const char* getName() const;
-  void setName(const char* name) const;
-  TavInt getId() const;
-  void end();
 };
 
 /// Handle over a 0-1 variable.
@@ -162,10 +164,24 @@ class TavNumVarI : public TavNode<TavNumVarI, TavIntExprI> {
 };
 
 // The handle operations on the model-building path, inline.
-inline TavNumVar::TavNumVar(TavNumVarI* impl) : TavNumExprArg(impl) {}
-inline TAV_HANDLE_POINTER TavNumVarI* TavNumVar::getImpl() const { return static_cast<TavNumVarI*>(_impl); }
-inline TavIntVar::TavIntVar(TavNumVarI* impl) : TavIntExprArg(impl) {}
-inline TAV_HANDLE_POINTER TavNumVarI* TavIntVar::getImpl() const { return static_cast<TavNumVarI*>(_impl); }
+inline TavNumVar::TavNumVar(TavNumVarI* impl) : TavVarHandle(impl) {}
+inline TavIntVar::TavIntVar(TavNumVarI* impl) : TavVarHandle(impl) {}
+template <class Arg>
+inline TAV_HANDLE_POINTER TavNumVarI* TavVarHandle<Arg>::getImpl() const {
+  return static_cast<TavNumVarI*>(this->_impl);
+}
+template <class Arg>
+const char* TavVarHandle<Arg>::getName() const {
+  return tav_detail::need(getImpl())->getName();
+}
+template <class Arg>
+void TavVarHandle<Arg>::setName(const char* name) const {
+  tav_detail::need(getImpl())->setName(name);
+}
+template <class Arg>
+TavInt TavVarHandle<Arg>::getId() const {
+  return tav_detail::need(getImpl())->getId();
+}
 
 /// New bounds of one variable.
 class TavSetNumVarBounds : public TavChangeNode<TavSetNumVarBounds> {
@@ -180,22 +196,6 @@ class TavSetNumVarBounds : public TavChangeNode<TavSetNumVarBounds> {
  private:
   TavNumVarI* _var;
   double _lb, _ub;
-};
-
-/// New bounds of a whole array of variables.
-class TavSetNumVarArrayBounds : public TavChangeNode<TavSetNumVarArrayBounds> {
-  TAV_CHANGE_STATICS
- public:
-  static constexpr const char* RttiName = "TavSetNumVarArrayBounds";
-  TavSetNumVarArrayBounds(TavArrayI* vars, TavArrayI* lbs, TavArrayI* ubs) : _vars(vars), _lbs(lbs), _ubs(ubs) {}
-  TavNumVarArray getVars() const;
-  TavNumArray getLBs() const { return TavNumArray(_lbs); }
-  TavNumArray getUBs() const { return TavNumArray(_ubs); }
-
- private:
-  TavArrayI* _vars;
-  TavArrayI* _lbs;
-  TavArrayI* _ubs;
 };
 
 /// A new list of possible values; exactly one of the two arrays is present.
@@ -245,5 +245,14 @@ TavNumVarI* TavCheckBoolFromNum(TavNumVarI* var);
 
 std::ostream& operator<<(std::ostream& os, const TavNumVar& v);
 std::ostream& operator<<(std::ostream& os, const TavIntVar& v);
+
+namespace tav_detail {
+inline bool isVar(const TavNumExprI* e) { return e->isType(TavNumVarI::GetTypeInfo()); }
+inline bool isNumLin(const TavNumExprI* e) { return e->isType(TavNumLinTermI::GetTypeInfo()); }
+inline bool isIntLin(const TavNumExprI* e) { return e->isType(TavIntLinTermI::GetTypeInfo()); }
+/// The numeric form of an integer linear node, which is left as it is: a
+/// handle may still read it, so even a temporary waits for env.end().
+inline TavNumLinTermI* numFromInt(TavNumExprI* e) { return static_cast<TavIntLinTermI*>(e)->toNumLinTermI(); }
+}  // namespace tav_detail
 
 #endif
