@@ -87,15 +87,8 @@ void addExpr(TavExpr& h, const TavNumExprArg& a, bool negate) {
     } else if (isNumLin(e) || isIntLin(e)) {
       lin->append(mergeable(e, negate));
     } else {
-      TavNumLinPartI* part = lin->newPart();  // first: -a may consume a temporary a
-      TavNumExprI* summand = e;
-      try {
-        if (negate) summand = (-a).getImpl();
-      } catch (...) {
-        lin->getEnv()->free(part);
-        throw;
-      }
-      lin->linkPart(part, summand);
+      // -a may consume a temporary a: the part cell is taken before it.
+      lin->appendMadePart([&] { return negate ? (-a).getImpl() : e; });
     }
   });
 }

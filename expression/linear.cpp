@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
 #include "stack.h"
 #include "variables.h"
@@ -181,13 +182,25 @@ void TavLinNode<Self, Base, Constant>::remove(TavExtractableArray objects) {
     marked.push_back(o->getId());
     env->setIdTableEntry(o->getId(), -1);
   }
-  TavInt left = n;
+  // At most n removals; the tail pointers are cleared, not moved back, when
+  // the tail goes (the kept behaviour of removal by array).
+  sweepRemoved(n, true);
+  for (TavInt id : marked) env->setIdTableEntry(id, id);
+}
+
+template <class Self, class Base, class Constant>
+void TavLinNode<Self, Base, Constant>::removeMarked() {
+  sweepRemoved(std::numeric_limits<TavInt>::max(), false);
+}
+
+template <class Self, class Base, class Constant>
+void TavLinNode<Self, Base, Constant>::sweepRemoved(TavInt left, bool clearTails) {
+  TavEnvI* env = this->getEnv();
   TavNumLinPartI* pprev = nullptr;
   for (TavNumLinPartI* p = _firstPart; p && left > 0;) {
     TavNumLinPartI* next = p->_next;
     if (env->isRemoved(p->_expr)) {
-      // The tail pointer is cleared when the tail goes, even if cells remain.
-      if (p == _lastPart) _lastPart = nullptr;
+      if (p == _lastPart) _lastPart = clearTails ? nullptr : pprev;
       dropPart(pprev, p);
       --left;
     } else {
@@ -201,39 +214,9 @@ void TavLinNode<Self, Base, Constant>::remove(TavExtractableArray objects) {
     if (env->isRemoved(t->_var)) {
       if (tprev) tprev->_next = next;
       else _first = next;
-      if (t == _last) _last = nullptr;
+      if (t == _last) _last = clearTails ? nullptr : tprev;
       env->recycleTerm(t);
       --left;
-    } else {
-      tprev = t;
-    }
-    t = next;
-  }
-  for (TavInt id : marked) env->setIdTableEntry(id, id);
-}
-
-template <class Self, class Base, class Constant>
-void TavLinNode<Self, Base, Constant>::removeMarked() {
-  TavEnvI* env = this->getEnv();
-  TavNumLinPartI* pprev = nullptr;
-  for (TavNumLinPartI* p = _firstPart; p;) {
-    TavNumLinPartI* next = p->_next;
-    if (env->isRemoved(p->_expr)) {
-      if (p == _lastPart) _lastPart = pprev;
-      dropPart(pprev, p);
-    } else {
-      pprev = p;
-    }
-    p = next;
-  }
-  TavNumLinExprTermI* tprev = nullptr;
-  for (TavNumLinExprTermI* t = _first; t;) {
-    TavNumLinExprTermI* next = t->_next;
-    if (env->isRemoved(t->_var)) {
-      if (tprev) tprev->_next = next;
-      else _first = next;
-      if (t == _last) _last = tprev;
-      env->recycleTerm(t);
     } else {
       tprev = t;
     }

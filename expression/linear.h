@@ -123,6 +123,21 @@ class TavLinNode : public TavNode<Self, Base> {
   }
   /// Files e as a non-linear part in a cell from newPart(); cannot fail.
   void linkPart(TavNumLinPartI* part, TavNumExprI* e);
+  /// Files the node make() returns as a part. The cell is taken first, so
+  /// that a node make() builds (or consumes) always has somewhere to go; if
+  /// make() fails the cell goes back and the node is as it was.
+  template <class Make>
+  void appendMadePart(Make make) {
+    TavNumLinPartI* part = newPart();
+    TavNumExprI* e;
+    try {
+      e = make();
+    } catch (...) {
+      this->getEnv()->free(part);
+      throw;
+    }
+    linkPart(part, e);
+  }
   /// Takes over other's terms, parts and constant, then ends other.
   void appendNode(Self* other);
   /// Drops every part and term; constant 0.
@@ -154,6 +169,9 @@ class TavLinNode : public TavNode<Self, Base> {
   /// clear() without the notice to Self, which the destructor cannot reach.
   void dropAll();
   void dropPart(TavNumLinPartI* prev, TavNumLinPartI* part);
+  /// Drops up to `left` removed parts and terms; clearTails empties a tail
+  /// pointer whose cell goes instead of moving it back.
+  void sweepRemoved(TavInt left, bool clearTails);
 
   TavNumLinExprTermI* _first = nullptr;
   TavNumLinExprTermI* _last = nullptr;

@@ -13,17 +13,12 @@ void sameSize(const A& a, const B& b) {
   if (a.getSize() != b.getSize()) throw TavInvalidScalProdArraysException();
 }
 
-/// A linear node of the variables' environment with one cell (x[i], c[i])
-/// per position, in order: nothing is merged.
-template <class Lin, class Coefs, class Vars>
-Lin* overVars(const Coefs& c, const Vars& x) {
-  sameSize(c, x);
-  TavEnvI* env = x.getImpl()->getEnv();
-  const TavInt n = x.getSize();
-  tav_detail::elementsIn(env, x, Mismatch);
+/// A new linear node of env filled by fill(lin); it goes again if fill fails.
+template <class Lin, class Fill>
+Lin* filled(TavEnvI* env, Fill fill) {
   Lin* lin = new (env) Lin(env, 0);
   try {
-    for (TavInt i = 0; i < n; ++i) lin->append(env->newTerm(x.getElement(i), (double)c[i]));
+    fill(lin);
   } catch (...) {
     delete lin;
     throw;
@@ -31,33 +26,29 @@ Lin* overVars(const Coefs& c, const Vars& x) {
   return lin;
 }
 
+/// A linear node of the variables' environment with one cell (x[i], c[i])
+/// per position, in order: nothing is merged.
+template <class Lin, class Coefs, class Vars>
+Lin* overVars(const Coefs& c, const Vars& x) {
+  sameSize(c, x);
+  TavEnvI* env = x.getImpl()->getEnv();
+  tav_detail::elementsIn(env, x, Mismatch);
+  return filled<Lin>(env, [&](Lin* lin) {
+    for (TavInt i = 0; i < x.getSize(); ++i) lin->append(env->newTerm(x.getElement(i), (double)c[i]));
+  });
+}
+
 /// A linear node with the product a[i] * b[i] appended per position.
 template <class Lin, class Arg, class Array>
 Lin* overExprs(const Array& a, const Array& b) {
   sameSize(a, b);
   TavEnvI* env = a.getImpl()->getEnv();
-  const TavInt n = a.getSize();
   tav_detail::elementsIn(env, a, Mismatch);
   tav_detail::elementsIn(env, b, Mismatch);
-  Lin* lin = new (env) Lin(env, 0);
-  try {
-    for (TavInt i = 0; i < n; ++i) {
-      // The part cell first: once made, a product has somewhere to go.
-      TavNumLinPartI* part = lin->newPart();
-      TavNumExprI* product;
-      try {
-        product = (Arg(a.getElement(i)) * Arg(b.getElement(i))).getImpl();
-      } catch (...) {
-        env->free(part);
-        throw;
-      }
-      lin->linkPart(part, product);
-    }
-  } catch (...) {
-    delete lin;
-    throw;
-  }
-  return lin;
+  return filled<Lin>(env, [&](Lin* lin) {
+    for (TavInt i = 0; i < a.getSize(); ++i)
+      lin->appendMadePart([&] { return (Arg(a.getElement(i)) * Arg(b.getElement(i))).getImpl(); });
+  });
 }
 
 template <class R, class A, class B>

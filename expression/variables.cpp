@@ -327,18 +327,40 @@ TavNumVar::Type TavNumVar::getType() const {
   return getImpl()->getType();
 }
 
-void TavNumVar::getPossibleValues(TavNumArray out) const {
-  if (_impl == nullptr) throw TavWrongUsage("Using empty handle TavNumVar", 0);
-  if (out.getImpl() == nullptr) throw TavWrongUsage("Using empty TavNumArray handle.", 0);
-  TavNumArray values = getImpl()->getNumValues();
+namespace {
+/// The messages of one handle kind for its possible-value calls.
+struct ValueMessages {
+  const char* emptyVarGet;
+  const char* emptyVarSet;
+  const char* emptyArray;
+};
+const ValueMessages NumValueMessages = {"Using empty handle TavNumVar", "Using empty TavNumVar handle.",
+                                        "Using empty TavNumArray handle."};
+const ValueMessages IntValueMessages = {"Using empty handle TavIntVar", "Using empty TavIntVar handle.",
+                                        "Using empty TavIntArray handle."};
+
+TavNumArray valuesOf(const TavNumVarI* v, const TavNumArray&) { return v->getNumValues(); }
+TavIntArray valuesOf(const TavNumVarI* v, const TavIntArray&) { return v->getIntValues(); }
+
+/// Appends the variable's values (if it has a list) to out.
+template <class Array>
+void appendValues(TavNumVarI* v, Array out, const ValueMessages& m) {
+  if (v == nullptr) throw TavWrongUsage(m.emptyVarGet, 0);
+  if (out.getImpl() == nullptr) throw TavWrongUsage(m.emptyArray, 0);
+  Array values = valuesOf(v, out);
   if (values.getImpl()) out.add(values);
 }
 
-void TavNumVar::setPossibleValues(TavNumArray values) const {
-  if (_impl == nullptr) throw TavWrongUsage("Using empty TavNumVar handle.", 0);
-  if (values.getImpl() == nullptr) throw TavWrongUsage("Using empty TavNumArray handle.", 0);
-  getImpl()->setPossibleValues(values);
+template <class Array>
+void setValues(TavNumVarI* v, Array values, const ValueMessages& m) {
+  if (v == nullptr) throw TavWrongUsage(m.emptyVarSet, 0);
+  if (values.getImpl() == nullptr) throw TavWrongUsage(m.emptyArray, 0);
+  v->setPossibleValues(values);
 }
+}  // namespace
+
+void TavNumVar::getPossibleValues(TavNumArray out) const { appendValues(getImpl(), out, NumValueMessages); }
+void TavNumVar::setPossibleValues(TavNumArray values) const { setValues(getImpl(), values, NumValueMessages); }
 
 
 std::ostream& operator<<(std::ostream& os, const TavNumVar& v) {
@@ -426,17 +448,8 @@ TavNumVar::Type TavIntVar::getType() const {
   if (_impl == nullptr) throw TavWrongUsage("Using empty handle TavIntVar::getType", 0);
   return getImpl()->getType();
 }
-void TavIntVar::getPossibleValues(TavIntArray out) const {
-  if (_impl == nullptr) throw TavWrongUsage("Using empty handle TavIntVar", 0);
-  if (out.getImpl() == nullptr) throw TavWrongUsage("Using empty TavIntArray handle.", 0);
-  TavIntArray values = getImpl()->getIntValues();
-  if (values.getImpl()) out.add(values);
-}
-void TavIntVar::setPossibleValues(TavIntArray values) const {
-  if (_impl == nullptr) throw TavWrongUsage("Using empty TavIntVar handle.", 0);
-  if (values.getImpl() == nullptr) throw TavWrongUsage("Using empty TavIntArray handle.", 0);
-  getImpl()->setPossibleValues(values);
-}
+void TavIntVar::getPossibleValues(TavIntArray out) const { appendValues(getImpl(), out, IntValueMessages); }
+void TavIntVar::setPossibleValues(TavIntArray values) const { setValues(getImpl(), values, IntValueMessages); }
 
 // ------------------------------------------------------------------ TavBoolVar
 
