@@ -19,11 +19,6 @@ TAV_DEFINE_CHANGE_STATICS(TavNumLinTermAddVar)
 TAV_DEFINE_CHANGE_STATICS(TavNumLinTermRemoveVar)
 TAV_DEFINE_CHANGE_STATICS(TavIntLinTermRemoveVar)
 
-// Defined here, where nodes are complete: the host only forwards.
-void TavEnvI::release(TavNumExprI* node) {
-  if (node) node->release();
-}
-
 void TavNumExprI::end() {
   if (--_refCount > 0) return;
   TavEnvI* env = getEnv();

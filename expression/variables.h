@@ -19,7 +19,7 @@ template <class Arg>
 class TavVarHandle : public Arg {
  public:
   using Arg::Arg;
-  TavNumVarI* getImpl() const;
+  TAV_HANDLE_POINTER TavNumVarI* getImpl() const;
   const char* getName() const;
   void setName(const char* name) const;
   TavInt getId() const;
@@ -238,6 +238,15 @@ class TavSolution : public TavAlgorithm {
   TavSolutionI* getImpl() const { return static_cast<TavSolutionI*>(_impl); }
   void setValue(const TavNumVar& var, double v) const;
 };
+
+/// The variable's value in alg: what TavAlgorithm::getValue(var) returns.
+double TavValueIn(const TavAlgorithm& alg, const TavNumVar& var);
+/// The expression evaluated in alg: what TavAlgorithm::getValue(expr) returns.
+double TavValueIn(const TavAlgorithm& alg, const TavNumExprArg& expr);
+/// Sets a variable's value in the evaluator (TavModelEvaluator::setValue).
+void TavSetValueIn(TavModelEvaluator& evaluator, const TavNumVar& var, TavInt value);
+/// The expression's value from the evaluator's table (TavModelEvaluator::evaluate).
+TavInt TavEvaluateIn(const TavModelEvaluator& evaluator, const TavIntExprArg& expr);
 
 /// The variable if it may be seen as Boolean: TavWrongUsage for a continuous
 /// one, TavBadConversion for an integer one whose bounds are not 0 or 1.

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "env.h"
+
 namespace {
 constexpr TavInt MinShift = 4;   // 16 elements
 constexpr TavInt MaxShift = 12;  // 4096 elements (32 KiB blocks)
@@ -112,6 +114,15 @@ TavNumArray TavIntArray::toNumArray() const {
   return out;
 }
 
+TavEnv TavExtractable::getEnv() const { return TavEnv(_impl->getEnv()); }
+TavInt TavExtractable::getId() const { return _impl->getId(); }
+const char* TavExtractable::getName() const { return _impl->getName(); }
+void TavExtractable::setName(const char* name) const { _impl->setName(name); }
+void TavExtractable::end() {
+  if (_impl) _impl->end();
+  _impl = nullptr;
+}
+
 void TavExtractableArray::endElements() {
   for (TavInt i = 0; i < getSize(); ++i) {
     TavExtractableI* e = _impl->at(i).obj;
@@ -137,6 +148,14 @@ void TavExtractableArray::replaceByClone(TavEnvI* env) {
   }
   _impl = clones._impl;
 }
+
+// The defaults of the environment layer that work on arrays of model objects.
+
+void TavExtractableVisitor::visitChildren(TavExtractableI* parent, TavExtractableArray children) {
+  for (TavInt i = 0; i < children.getSize(); ++i) visitChild(parent, children.getObject(i));
+}
+
+TavExtractableArray TavChange::getChangedExtractableArray() const { return TavExtractableArray(); }
 
 void TavNumRange::end() {
   delete _impl;

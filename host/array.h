@@ -6,7 +6,10 @@
 #include <initializer_list>
 #include <ostream>
 
-#include "env.h"
+#include "base.h"
+#include "object.h"
+
+class TavExtractableI;
 
 /// One element: every array holds 8-byte numbers or pointers.
 union TavArraySlot {
@@ -163,14 +166,11 @@ class TavExtractable {
  public:
   TavExtractable(TavExtractableI* impl = nullptr) : _impl(impl) {}
   TavExtractableI* getImpl() const { return _impl; }
-  TavEnv getEnv() const { return TavEnv(_impl->getEnv()); }
-  TavInt getId() const { return _impl->getId(); }
-  const char* getName() const { return _impl->getName(); }
-  void setName(const char* name) const { _impl->setName(name); }
-  void end() {
-    if (_impl) _impl->end();
-    _impl = nullptr;
-  }
+  TavEnv getEnv() const;
+  TavInt getId() const;
+  const char* getName() const;
+  void setName(const char* name) const;
+  void end();
 
  private:
   TavExtractableI* _impl;

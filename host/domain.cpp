@@ -1,5 +1,10 @@
-// Variable domains.
+// Variable domains, and the environment's table of shared ones.
 #include "domain.h"
+
+#include <cmath>
+#include <utility>
+
+#include "env.h"
 
 TavVarDomainI::~TavVarDomainI() = default;
 
@@ -115,3 +120,46 @@ TavVarDomainI* TavIntVarDomainI::makeCopy(TavEnvI* env) const {
 void TavBoolVarDomainI::display(std::ostream& os) const { os << "[" << _lb << " .. " << _ub << "] "; }
 
 TavVarDomainI* TavBoolVarDomainI::makeCopy(TavEnvI* env) const { return new (env) TavBoolVarDomainI(_lb, _ub); }
+
+// ---------------------------------------------------------------- shared domains
+
+TavVarDomainI* TavEnvI::getOrMakeSharedDomain(double lb, double ub) {
+  // Not-a-number is unordered and would match every key of the table: such
+  // bounds get a private domain, which the variable owns and ends.
+  if (std::isnan(lb) || std::isnan(ub)) return new (this) TavNumVarDomainI(lb, ub);
+  auto key = std::make_pair(lb, ub);
+  auto it = _sharedNum.find(key);
+  if (it != _sharedNum.end()) return it->second;
+  TavVarDomainI* d = new (this) TavNumVarDomainI(lb, ub);
+  d->setShared();
+  try {
+    _sharedNum.emplace(key, d);
+  } catch (...) {
+    delete d;
+    throw;
+  }
+  return d;
+}
+
+TavVarDomainI* TavEnvI::getOrMakeSharedDomain(TavInt lb, TavInt ub) {
+  auto key = std::make_pair(lb, ub);
+  auto it = _sharedInt.find(key);
+  if (it != _sharedInt.end()) return it->second;
+  TavVarDomainI* d = new (this) TavIntVarDomainI(lb, ub, 0);
+  d->setShared();
+  try {
+    _sharedInt.emplace(key, d);
+  } catch (...) {
+    delete d;
+    throw;
+  }
+  return d;
+}
+
+TavVarDomainI* TavEnvI::getOrMakeSharedDomain(const TavNumRangeI* range) {
+  return getOrMakeSharedDomain(range->getLB(), range->getUB());
+}
+
+TavVarDomainI* TavEnvI::getOrMakeSharedDomain(const TavIntRangeI* range) {
+  return getOrMakeSharedDomain(range->getLB(), range->getUB());
+}

@@ -6,6 +6,8 @@
 #include <ostream>
 
 #include "array.h"
+#include "base.h"
+#include "object.h"
 
 /// Variable kinds as the domains report them (the values of TavNumVar::Type).
 enum TavDomainType { TavDomainInt = 1, TavDomainFloat = 2, TavDomainBool = 3 };

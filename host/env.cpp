@@ -1,13 +1,10 @@
-// The environment, the model-object and change-record roots, algorithms.
+// The environment, the model-object and change-record roots, algorithms and
+// the model evaluator's value table.
 #include "env.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <mutex>
-
-#include "array.h"
-#include "domain.h"
 
 TavMutex* TavEnvI::Mutex = nullptr;
 
@@ -39,9 +36,6 @@ void TavMemoryManagerObjectI::operator delete(void* p, std::size_t) {
 void TavExtractableVisitor::beginVisit(TavExtractableI*) {}
 void TavExtractableVisitor::visitChild(TavExtractableI*, TavExtractableI*) {}
 void TavExtractableVisitor::endVisit(TavExtractableI*) {}
-void TavExtractableVisitor::visitChildren(TavExtractableI* parent, TavExtractableArray children) {
-  for (TavInt i = 0; i < children.getSize(); ++i) visitChild(parent, children.getObject(i));
-}
 void TavChangeVisitor::visitChild(TavExtractableI*, TavExtractableI*) {}
 
 // ---------------------------------------------------------------- extractables
@@ -145,8 +139,6 @@ void TavChange::applyToCP(TavAlgorithm alg, void* data) const {
   _applyCP(alg, this, data);
 }
 
-TavExtractableArray TavChange::getChangedExtractableArray() const { return TavExtractableArray(); }
-
 // ---------------------------------------------------------------- algorithms
 
 TavAlgorithmI::TavAlgorithmI(TavEnvI* env) : _env(env) {
@@ -167,6 +159,35 @@ TavEnv TavAlgorithm::getEnv() const { return TavEnv(_impl ? _impl->getEnv() : nu
 void TavAlgorithm::end() {
   delete _impl;
   _impl = nullptr;
+}
+
+// ---------------------------------------------------------------- model evaluator
+
+namespace {
+// The evaluator's view as an algorithm: values come from the evaluator.
+class EvaluatorReader : public TavAlgorithmI {
+ public:
+  EvaluatorReader(TavEnvI* env, const TavModelEvaluator* evaluator)
+      : TavAlgorithmI(env, Detached()), _evaluator(evaluator) {}
+  double getValue(const TavNumVarI* var) const override { return (double)_evaluator->getValue(var); }
+
+ private:
+  const TavModelEvaluator* _evaluator;
+};
+}  // namespace
+
+TavModelEvaluator::TavModelEvaluator(TavEnvI* env) : _env(env), _reader(new EvaluatorReader(env, this)) {}
+
+TavModelEvaluator::~TavModelEvaluator() = default;
+
+void TavModelEvaluator::setVarValue(const TavNumVarI* var, TavInt value) { _values[var] = value; }
+
+void TavModelEvaluator::clear() { _values.clear(); }
+
+TavInt TavModelEvaluator::getValue(const TavNumVarI* var) const {
+  auto it = _values.find(var);
+  if (it == _values.end()) throw Unbound();
+  return it->second;
 }
 
 // ---------------------------------------------------------------- tuple encoder
@@ -406,47 +427,6 @@ void TavEnvI::change(const TavChange& c) const {
   // Copy: an algorithm may unregister itself while being told.
   std::vector<TavAlgorithmI*> algs(_algorithms);
   for (TavAlgorithmI* a : algs) a->notifyChange(c);
-}
-
-TavVarDomainI* TavEnvI::getOrMakeSharedDomain(double lb, double ub) {
-  // Not-a-number is unordered and would match every key of the table: such
-  // bounds get a private domain, which the variable owns and ends.
-  if (std::isnan(lb) || std::isnan(ub)) return new (this) TavNumVarDomainI(lb, ub);
-  auto key = std::make_pair(lb, ub);
-  auto it = _sharedNum.find(key);
-  if (it != _sharedNum.end()) return it->second;
-  TavVarDomainI* d = new (this) TavNumVarDomainI(lb, ub);
-  d->setShared();
-  try {
-    _sharedNum.emplace(key, d);
-  } catch (...) {
-    delete d;
-    throw;
-  }
-  return d;
-}
-
-TavVarDomainI* TavEnvI::getOrMakeSharedDomain(TavInt lb, TavInt ub) {
-  auto key = std::make_pair(lb, ub);
-  auto it = _sharedInt.find(key);
-  if (it != _sharedInt.end()) return it->second;
-  TavVarDomainI* d = new (this) TavIntVarDomainI(lb, ub, 0);
-  d->setShared();
-  try {
-    _sharedInt.emplace(key, d);
-  } catch (...) {
-    delete d;
-    throw;
-  }
-  return d;
-}
-
-TavVarDomainI* TavEnvI::getOrMakeSharedDomain(const TavNumRangeI* range) {
-  return getOrMakeSharedDomain(range->getLB(), range->getUB());
-}
-
-TavVarDomainI* TavEnvI::getOrMakeSharedDomain(const TavIntRangeI* range) {
-  return getOrMakeSharedDomain(range->getLB(), range->getUB());
 }
 
 TavModelEvaluator* TavEnvI::getModelEvaluator() {

@@ -17,16 +17,12 @@
 
 #include "base.h"
 #include "memory.h"
+#include "object.h"
 
-class TavEnvI;
-class TavEnv;
 class TavExtractableI;
 class TavExtractableArray;
 class TavNumExprI;
 class TavNumVarI;
-class TavNumVar;
-class TavNumExprArg;
-class TavIntExprArg;
 class TavChange;
 class TavAlgorithmI;
 class TavAlgorithm;
@@ -34,7 +30,6 @@ class TavModelI;
 class TavVarDomainI;
 class TavNumRangeI;
 class TavIntRangeI;
-class TavIntArray;
 class TavModelEvaluator;
 class TavTupleEncoderI;
 
@@ -90,18 +85,6 @@ class TavChangeVisitor {
  public:
   virtual ~TavChangeVisitor() = default;
   virtual void visitChild(TavExtractableI* parent, TavExtractableI* child);
-};
-
-/// Base of everything allocated in an environment's memory: placement in an
-/// environment, and deletion that returns the bytes to it.
-class TavMemoryManagerObjectI {
- public:
-  /// The environment whose memory holds this object; null once it has ended.
-  TavEnvI* getEnv() const { return TavMemory::EnvOf(this); }
-  static void* operator new(std::size_t bytes, TavEnvI* env);
-  static void operator delete(void* p, TavEnvI* env);
-  static void operator delete(void* p, std::size_t bytes);
-  static void* operator new(std::size_t) = delete;
 };
 
 /// Root of all model objects: environment, dense identifier, name.
@@ -238,10 +221,13 @@ class TavAlgorithm {
   TavAlgorithm(TavAlgorithmI* impl = nullptr) : _impl(impl) {}
   TavAlgorithmI* getImpl() const { return _impl; }
   TavEnv getEnv() const;
-  /// The variable's value in the algorithm.
-  double getValue(TavNumVar var) const;
-  /// The expression evaluated in the algorithm.
-  double getValue(TavNumExprArg expr) const;
+  /// The value of a variable (TavNumVar) or of an expression (TavNumExprArg,
+  /// evaluated) in the algorithm. Handles belong to the expression layer,
+  /// which supplies the TavValueIn overloads that this call finds.
+  template <class Handle>
+  double getValue(const Handle& h) const {
+    return TavValueIn(*this, h);
+  }
   /// Deletes an algorithm made on the heap.
   void end();
 
@@ -282,7 +268,9 @@ class TavAlgorithm {
   TavAlgorithmI* _impl;
 };
 
-/// Evaluates integer expressions from values set on it, while active.
+/// Evaluates integer expressions from values set on it, while active. The
+/// value table and the reader are the host's; the members taking expression
+/// handles forward to the expression layer (TavSetValueIn, TavEvaluateIn).
 class TavModelEvaluator {
  public:
   class Unbound : public TavException {
@@ -294,23 +282,30 @@ class TavModelEvaluator {
   ~TavModelEvaluator();
   void setActive(bool active) { _active = active; }
   bool isActive() const { return _active; }
-  void setValue(TavNumVar var, TavInt value);
+  /// Sets the value of a variable handle (TavNumVar or one converting to it).
+  template <class VarHandle>
+  void setValue(const VarHandle& var, TavInt value) {
+    TavSetValueIn(*this, var, value);
+  }
   /// Forgets every value.
   void clear();
-  /// The value of an integer expression; Unbound when a variable has none.
-  TavInt evaluate(TavIntExprArg expr) const;
+  /// The value of an integer expression handle; Unbound when a variable has none.
+  template <class ExprHandle>
+  TavInt evaluate(const ExprHandle& expr) const {
+    return TavEvaluateIn(*this, expr);
+  }
+  /// Sets the value of a variable (what setValue does once the handle is checked).
+  void setVarValue(const TavNumVarI* var, TavInt value);
   /// The value set for a variable; Unbound when there is none.
   TavInt getValue(const TavNumVarI* var) const;
+  /// The evaluator as an algorithm: a variable's value is the one set here.
+  TavAlgorithm getReader() const { return TavAlgorithm(_reader.get()); }
   TavEnvI* getEnv() const { return _env; }
 
  private:
-  struct Slot {
-    const TavNumVarI* var;
-    TavInt value;
-  };
   TavEnvI* _env;
   bool _active = false;
-  std::vector<Slot> _values;  // by variable identifier
+  std::unordered_map<const TavNumVarI*, TavInt> _values;
   std::unique_ptr<TavAlgorithmI> _reader;
 };
 
@@ -409,8 +404,13 @@ class TavEnvI {
   // Destruction.
   void destroy(TavExtractableI* obj, long = 0);
   void removeFromAllAndDestroy(TavExtractableI* obj, long = 0);
-  /// Drops one reference held on a node (nothing while the environment ends).
-  void release(TavNumExprI* node);
+  /// Drops one reference held on a node (nothing while the environment
+  /// ends). The node's own release() counts, so the host need not know the
+  /// node classes.
+  template <class Node>
+  void release(Node* node) {
+    if (node) node->release();
+  }
 
   // Algorithms and changes.
   void change(const TavChange& c) const;
@@ -418,7 +418,7 @@ class TavEnvI {
   /// Makes the environment delete alg when it ends.
   void adoptAlgorithm(TavAlgorithmI* alg) { alg->_ownedByEnv = true; }
 
-  // Domains.
+  // Domains (the table is kept with the domains, in domain.cpp).
   /// The environment's domain for these bounds; a new private one (the
   /// caller's to end) when a bound is not a number.
   TavVarDomainI* getOrMakeSharedDomain(double lb, double ub);
@@ -483,20 +483,5 @@ class TavEnvI {
 /// lines of the owner table, not one scattered variable per term. Null for a
 /// variable whose environment has ended.
 inline TavEnvI* TavVarEnv(const TavNumVarI* var) { return TavMemory::EnvOf(var); }
-
-/// Handle over an environment. A default-constructed TavEnv makes a new one.
-class TavEnv {
- public:
-  TavEnv();
-  TavEnv(TavEnvI* impl) : _impl(impl) {}
-  TavEnvI* getImpl() const { return _impl; }
-  /// Destroys every object of the environment and the environment itself.
-  void end();
-  bool operator==(const TavEnv& o) const { return _impl == o._impl; }
-  bool operator!=(const TavEnv& o) const { return _impl != o._impl; }
-
- private:
-  TavEnvI* _impl;
-};
 
 #endif
