@@ -5,6 +5,8 @@
 
 #include <initializer_list>
 #include <ostream>
+#include <type_traits>
+#include <utility>
 
 #include "base.h"
 #include "object.h"
@@ -116,6 +118,14 @@ class TavValueArray : public TavArrayBase {
     }
   }
   T& operator[](TavInt i) const { return TavSlotOf<T>::get(_impl->at(i)); }
+  /// Element access by an index that is not a number (an integer
+  /// expression): the layer that defines the index type supplies
+  /// TavElementOf(array, index), found through the index's type, so the
+  /// arrays need not know any node.
+  template <class Index, class = std::enable_if_t<!std::is_arithmetic<Index>::value>>
+  auto operator[](const Index& index) const -> decltype(TavElementOf(std::declval<const TavValueArray&>(), index)) {
+    return TavElementOf(*this, index);
+  }
   void add(T v) {
     TavArraySlot s;
     TavSlotOf<T>::get(s) = v;

@@ -158,3 +158,20 @@ TEST(HostAlone, AlgorithmsHearChangesInCreationOrderAndTheEvaluatorKeepsItsValue
   EXPECT_THROW(ev->getReader().getImpl()->getValue(var), TavModelEvaluator::Unbound);
   env.end();
 }
+
+// An index type of a layer above: the value arrays hand it on, by a function
+// found through its type, and numbers still index as before.
+struct UpperIndex {
+  TavInt at;
+};
+TavInt TavElementOf(const TavValueArray<TavInt>& a, const UpperIndex& i) { return 100 + a[i.at]; }
+
+TEST(HostAlone, ValueArraysLeaveIndexTypesToTheLayerThatDefinesThem) {
+  TavEnv env;
+  TavIntArray a(env, {5, 6, 7});
+  EXPECT_EQ(a[UpperIndex{2}], 107);
+  EXPECT_EQ(a[1], 6);
+  EXPECT_EQ(a[(short)0], 5);
+  a.end();
+  env.end();
+}
