@@ -45,77 +45,63 @@ void printValues(std::ostream& os, const Array& values) {
 }
 }  // namespace
 
-TavNumVarDomainI::TavNumVarDomainI(TavNumArray values) : _values(values) { boundsOf(values, _lb, _ub); }
+template <class T>
+TavListDomainI<T>::TavListDomainI(Array values) : _values(values) {
+  double lb, ub;
+  boundsOf(values, lb, ub);
+  _lb = TavDomainTraits<T>::of(lb);
+  _ub = TavDomainTraits<T>::of(ub);
+}
 
-bool TavNumVarDomainI::contains(double v) const {
+template <class T>
+bool TavListDomainI<T>::contains(double v) const {
   return isEnumerated() ? listed(_values, v) : TavVarDomainI::contains(v);
 }
 
-void TavNumVarDomainI::setNumValues(TavNumArray values) {
+template <class T>
+void TavListDomainI<T>::replaceValues(Array values) {
   _values.end();
   _values = values;
-  boundsOf(values, _lb, _ub);
+  double lb, ub;
+  boundsOf(values, lb, ub);
+  _lb = TavDomainTraits<T>::of(lb);
+  _ub = TavDomainTraits<T>::of(ub);
 }
 
-void TavNumVarDomainI::end(TavEnvI* env) {
+template <class T>
+void TavListDomainI<T>::end(TavEnvI* env) {
   _values.end();
   TavVarDomainI::end(env);
 }
 
-void TavNumVarDomainI::display(std::ostream& os) const {
+template <class T>
+void TavListDomainI<T>::display(std::ostream& os) const {
   if (isEnumerated()) printValues(os, _values);
   else os << "[" << _lb << " .. " << _ub << "] ";
 }
 
-TavVarDomainI* TavNumVarDomainI::makeCopy(TavEnvI* env) const {
-  if (!isEnumerated()) return new (env) TavNumVarDomainI(_lb, _ub);
-  TavNumArray copy(TavEnv(env), 0);
-  for (TavInt i = 0; i < _values.getSize(); ++i) copy.add(_values[i]);
-  TavNumVarDomainI* d = new (env) TavNumVarDomainI(copy);
+template <class T>
+template <class D, class... Extra>
+TavVarDomainI* TavListDomainI<T>::copyAs(TavEnvI* env, Extra... extra) const {
+  if (!isEnumerated()) return new (env) D(_lb, _ub, extra...);
+  Array copy(TavEnv(env), 0);
+  D* d;
+  try {
+    for (TavInt i = 0; i < _values.getSize(); ++i) copy.add(_values[i]);
+    d = new (env) D(copy, extra...);
+  } catch (...) {
+    copy.end();
+    throw;
+  }
   d->_lb = _lb;
   d->_ub = _ub;
   return d;
 }
 
-TavIntVarDomainI::TavIntVarDomainI(TavIntArray values, TavInt anyFlag) : _any(anyFlag != 0), _values(values) {
-  double lb, ub;
-  boundsOf(values, lb, ub);
-  _lb = TavTrunc(lb);
-  _ub = TavTrunc(ub);
-}
-
-bool TavIntVarDomainI::contains(double v) const {
-  return isEnumerated() ? listed(_values, v) : TavVarDomainI::contains(v);
-}
-
-void TavIntVarDomainI::setIntValues(TavIntArray values) {
-  _values.end();
-  _values = values;
-  double lb, ub;
-  boundsOf(values, lb, ub);
-  _lb = TavTrunc(lb);
-  _ub = TavTrunc(ub);
-}
-
-void TavIntVarDomainI::end(TavEnvI* env) {
-  _values.end();
-  TavVarDomainI::end(env);
-}
-
-void TavIntVarDomainI::display(std::ostream& os) const {
-  if (isEnumerated()) printValues(os, _values);
-  else os << "[" << _lb << " .. " << _ub << "] ";
-}
-
-TavVarDomainI* TavIntVarDomainI::makeCopy(TavEnvI* env) const {
-  if (!isEnumerated()) return new (env) TavIntVarDomainI(_lb, _ub, _any ? 1 : 0);
-  TavIntArray copy(TavEnv(env), 0);
-  for (TavInt i = 0; i < _values.getSize(); ++i) copy.add(_values[i]);
-  TavIntVarDomainI* d = new (env) TavIntVarDomainI(copy, _any ? 1 : 0);
-  d->_lb = _lb;
-  d->_ub = _ub;
-  return d;
-}
+template class TavListDomainI<double>;
+template class TavListDomainI<TavInt>;
+template TavVarDomainI* TavListDomainI<double>::copyAs<TavNumVarDomainI>(TavEnvI*) const;
+template TavVarDomainI* TavListDomainI<TavInt>::copyAs<TavIntVarDomainI, TavInt>(TavEnvI*, TavInt) const;
 
 void TavBoolVarDomainI::display(std::ostream& os) const { os << "[" << _lb << " .. " << _ub << "] "; }
 

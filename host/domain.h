@@ -46,57 +46,75 @@ class TavVarDomainI : public TavMemoryManagerObjectI {
   bool _shared = false;
 };
 
-/// Continuous domain: an interval, or a list of values.
-class TavNumVarDomainI : public TavVarDomainI {
+template <class T>
+struct TavDomainTraits;
+template <>
+struct TavDomainTraits<double> {
+  typedef TavNumArray Array;
+  static constexpr int Type = TavDomainFloat;
+  static double of(double v) { return v; }
+};
+template <>
+struct TavDomainTraits<TavInt> {
+  typedef TavIntArray Array;
+  static constexpr int Type = TavDomainInt;
+  static TavInt of(double v) { return TavTrunc(v); }
+};
+
+/// An interval, or a list of values of type T whose extremes are the bounds.
+template <class T>
+class TavListDomainI : public TavVarDomainI {
  public:
-  TavNumVarDomainI(double lb, double ub) : _lb(lb), _ub(ub) {}
+  typedef typename TavDomainTraits<T>::Array Array;
+  TavListDomainI(T lb, T ub) : _lb(lb), _ub(ub) {}
   /// Takes the array over (callers pass a copy).
-  explicit TavNumVarDomainI(TavNumArray values);
-  double getLB() const override { return _lb; }
-  void setLB(double lb) override { _lb = lb; }
-  double getUB() const override { return _ub; }
-  void setUB(double ub) override { _ub = ub; }
-  int getType() const override { return TavDomainFloat; }
+  explicit TavListDomainI(Array values);
+  double getLB() const override { return (double)_lb; }
+  void setLB(double lb) override { _lb = TavDomainTraits<T>::of(lb); }
+  double getUB() const override { return (double)_ub; }
+  void setUB(double ub) override { _ub = TavDomainTraits<T>::of(ub); }
+  int getType() const override { return TavDomainTraits<T>::Type; }
   bool contains(double v) const override;
   TavInt getValueCount() const override { return _values.getImpl() ? _values.getSize() : 0; }
   bool isEnumerated() const override { return _values.getImpl() != nullptr; }
-  TavNumArray getNumValues() const override { return _values; }
-  void setNumValues(TavNumArray values) override;
   void end(TavEnvI* env) override;
   void display(std::ostream& os) const override;
-  TavVarDomainI* makeCopy(TavEnvI* env) const override;
 
- private:
-  double _lb, _ub;
-  TavNumArray _values;
+ protected:
+  /// Ends the list in place and takes values over, with its extremes as bounds.
+  void replaceValues(Array values);
+  /// A domain D of env with a copy of the list (the bounds as they stand),
+  /// built with the extra constructor arguments of D.
+  template <class D, class... Extra>
+  TavVarDomainI* copyAs(TavEnvI* env, Extra... extra) const;
+
+  T _lb, _ub;
+  Array _values;
+};
+
+/// Continuous domain: an interval, or a list of values.
+class TavNumVarDomainI : public TavListDomainI<double> {
+ public:
+  using TavListDomainI::TavListDomainI;
+  TavNumArray getNumValues() const override { return _values; }
+  void setNumValues(TavNumArray values) override { replaceValues(values); }
+  TavVarDomainI* makeCopy(TavEnvI* env) const override { return copyAs<TavNumVarDomainI>(env); }
 };
 
 /// Integer domain: an interval, a list of integers, or a list of arbitrary
 /// objects coded as integers (anyFlag 1).
-class TavIntVarDomainI : public TavVarDomainI {
+class TavIntVarDomainI : public TavListDomainI<TavInt> {
  public:
-  TavIntVarDomainI(TavInt lb, TavInt ub, TavInt flag = 0) : _lb(lb), _ub(ub), _any(flag != 0) {}
+  TavIntVarDomainI(TavInt lb, TavInt ub, TavInt flag = 0) : TavListDomainI(lb, ub), _any(flag != 0) {}
   /// Takes the array over (callers pass a copy).
-  TavIntVarDomainI(TavIntArray values, TavInt anyFlag);
-  double getLB() const override { return (double)_lb; }
-  void setLB(double lb) override { _lb = TavTrunc(lb); }
-  double getUB() const override { return (double)_ub; }
-  void setUB(double ub) override { _ub = TavTrunc(ub); }
-  int getType() const override { return TavDomainInt; }
-  bool contains(double v) const override;
-  TavInt getValueCount() const override { return _values.getImpl() ? _values.getSize() : 0; }
-  bool isEnumerated() const override { return _values.getImpl() != nullptr; }
+  TavIntVarDomainI(TavIntArray values, TavInt anyFlag) : TavListDomainI(values), _any(anyFlag != 0) {}
   bool isAnyDomain() const override { return _any; }
   TavIntArray getIntValues() const override { return _values; }
-  void setIntValues(TavIntArray values) override;
-  void end(TavEnvI* env) override;
-  void display(std::ostream& os) const override;
-  TavVarDomainI* makeCopy(TavEnvI* env) const override;
+  void setIntValues(TavIntArray values) override { replaceValues(values); }
+  TavVarDomainI* makeCopy(TavEnvI* env) const override { return copyAs<TavIntVarDomainI>(env, (TavInt)(_any ? 1 : 0)); }
 
  private:
-  TavInt _lb, _ub;
   bool _any;
-  TavIntArray _values;
 };
 
 /// Boolean domain: bounds within {0, 1}.
