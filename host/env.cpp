@@ -45,12 +45,6 @@ TavExtractableI::ExtractHook TavExtractableI::_extractCP = nullptr;
 TavExtractableI::ObjectHook TavExtractableI::_unextractCP = nullptr;
 TavExtractableI::ObjectHook TavExtractableI::_modifyCP = nullptr;
 
-TavTypeInfo TavExtractableI::GetBaseTypeInfo() { return nullptr; }
-TavInt TavExtractableI::GetTypeIndex() {
-  InitTypeIndex();
-  return TavLoadTypeIndex(_rttiIndex);
-}
-void TavExtractableI::InitTypeIndex() { TavAssignTypeIndex(_rttiIndex); }
 
 TavExtractableI::TavExtractableI(TavEnvI* env, const char* name) : _env(env), _id(-1), _name(nullptr) {
   if (env == nullptr) throw TavEmptyHandleException();
@@ -125,12 +119,6 @@ void TavExtractableI::whenRemovedFromCP(TavAlgorithm, void*) const {}
 TavInt TavChange::_rttiIndex = 0;
 TavChange::ApplyHook TavChange::_applyCP = nullptr;
 
-TavTypeInfo TavChange::GetBaseTypeInfo() { return nullptr; }
-TavInt TavChange::GetTypeIndex() {
-  InitTypeIndex();
-  return TavLoadTypeIndex(_rttiIndex);
-}
-void TavChange::InitTypeIndex() { TavAssignTypeIndex(_rttiIndex); }
 
 void TavChange::visitChange(TavEnvI*, TavExtractableI*, TavChangeVisitor*) const {}
 

@@ -40,6 +40,27 @@ void TavAssignTypeIndex(TavInt& index);
 /// Reads a type index that another thread may be assigning.
 inline TavInt TavLoadTypeIndex(const TavInt& index) { return __atomic_load_n(&index, __ATOMIC_ACQUIRE); }
 
+/// The type-identity group of a root of the protocol (model objects, change
+/// records): no base type, and its own index. Derived classes get theirs from
+/// the expression layer's protocol templates.
+#define TAV_ROOT_TYPE_IDENTITY(Class)                                                \
+  static TavTypeInfo GetBaseTypeInfo() { return nullptr; }                          \
+  static TavTypeInfo GetTypeInfo() { return &_rttiIndex; }                          \
+  static TavInt GetTypeIndex() {                                                    \
+    InitTypeIndex();                                                                \
+    return TavLoadTypeIndex(_rttiIndex);                                            \
+  }                                                                                 \
+  static void InitTypeIndex() { TavAssignTypeIndex(_rttiIndex); }                   \
+  static const char* GetRttiTypeName() { return #Class; }                           \
+  static TavInt GetExtractableSize() { return sizeof(Class); }                      \
+  virtual TavInt getTypeIndex() const { return TavLoadTypeIndex(_rttiIndex); }      \
+  virtual TavTypeInfo getTypeInfo() const { return GetTypeInfo(); }                 \
+  virtual bool isType(TavTypeInfo t) const { return t == GetTypeInfo(); }           \
+  virtual const char* getRttiTypeName() const { return GetRttiTypeName(); }         \
+  virtual TavInt getExtractableSize() const { return sizeof(Class); }               \
+  virtual TavTypeInfo getBaseTypeInfo() const { return GetBaseTypeInfo(); }         \
+  virtual TavInt getBaseTypeIndex() const { return 0; }
+
 /// One cell of a linear sum: variable, next cell, coefficient (24 bytes).
 /// In the non-linear part list of a linear node the first slot holds a node.
 class TavNumLinExprTermI {
@@ -95,20 +116,7 @@ class TavExtractableI : public TavMemoryManagerObjectI {
   TavExtractableI(const TavExtractableI&) = delete;
   TavExtractableI& operator=(const TavExtractableI&) = delete;
 
-  static TavTypeInfo GetBaseTypeInfo();
-  static TavTypeInfo GetTypeInfo() { return &_rttiIndex; }
-  static TavInt GetTypeIndex();
-  static void InitTypeIndex();
-  static const char* GetRttiTypeName() { return "TavExtractableI"; }
-  static TavInt GetExtractableSize() { return sizeof(TavExtractableI); }
-
-  virtual TavInt getTypeIndex() const { return TavLoadTypeIndex(_rttiIndex); }
-  virtual TavTypeInfo getTypeInfo() const { return GetTypeInfo(); }
-  virtual bool isType(TavTypeInfo t) const { return t == GetTypeInfo(); }
-  virtual const char* getRttiTypeName() const { return GetRttiTypeName(); }
-  virtual TavInt getExtractableSize() const { return sizeof(TavExtractableI); }
-  virtual TavTypeInfo getBaseTypeInfo() const { return GetBaseTypeInfo(); }
-  virtual TavInt getBaseTypeIndex() const { return 0; }
+  TAV_ROOT_TYPE_IDENTITY(TavExtractableI)
   virtual TavExtractableI* makeClone(TavEnvI* env) const;
   virtual void* extractToCP(TavAlgorithm alg) const;
   virtual void unextractFromCP(TavAlgorithm alg, void* obj) const;
@@ -155,20 +163,7 @@ class TavChange {
   explicit TavChange(TavExtractableI* changed = nullptr) : _changed(changed) {}
   virtual ~TavChange() = default;
 
-  static TavTypeInfo GetBaseTypeInfo();
-  static TavTypeInfo GetTypeInfo() { return &_rttiIndex; }
-  static TavInt GetTypeIndex();
-  static void InitTypeIndex();
-  static const char* GetRttiTypeName() { return "TavChange"; }
-  static TavInt GetExtractableSize() { return sizeof(TavChange); }
-
-  virtual TavInt getTypeIndex() const { return TavLoadTypeIndex(_rttiIndex); }
-  virtual TavTypeInfo getTypeInfo() const { return GetTypeInfo(); }
-  virtual bool isType(TavTypeInfo t) const { return t == GetTypeInfo(); }
-  virtual const char* getRttiTypeName() const { return GetRttiTypeName(); }
-  virtual TavInt getExtractableSize() const { return sizeof(TavChange); }
-  virtual TavTypeInfo getBaseTypeInfo() const { return GetBaseTypeInfo(); }
-  virtual TavInt getBaseTypeIndex() const { return 0; }
+  TAV_ROOT_TYPE_IDENTITY(TavChange)
   virtual void visitChange(TavEnvI* env, TavExtractableI* extractable, TavChangeVisitor* visitor) const;
   virtual void applyToCP(TavAlgorithm alg, void* data) const;
   virtual bool isApplyingOnArray() const { return false; }
