@@ -11,8 +11,7 @@ namespace tav_detail {
 /// The pointer itself, or TavEmptyHandleException when it is null.
 template <class P>
 P* need(P* p) {
-  if (TAV_UNLIKELY(p == nullptr)) throw TavEmptyHandleException();
-  return p;
+  return TavNeed(p);
 }
 
 /// The implementation of a handle, or TavEmptyHandleException for an empty one.

@@ -191,54 +191,42 @@ void TavNumVarI::makeDomain(double lb, double ub) {
   _domain = made;
 }
 
-void TavNumVarI::setPossibleValues(TavNumArray values) {
-  if (getType() != TavNumVar::Float)
-    throw TavNotSupportedOperation("You cannot change the domain of an integer variable by giving it a floating point variable");
-  TavNumArray copy = copyOf(values);
+namespace {
+void putValues(TavVarDomainI* d, TavNumArray values) { d->setNumValues(values); }
+void putValues(TavVarDomainI* d, TavIntArray values) { d->setIntValues(values); }
+}  // namespace
+
+template <class Domain, class Array, class... Extra>
+void TavNumVarI::installValues(Array values, Extra... extra) {
   try {
     if (_domain) {
       copyOnWrite();
-      _domain->setNumValues(copy);
+      putValues(_domain, values);
     } else {
-      _domain = new (getEnv()) TavNumVarDomainI(copy);
+      _domain = new (getEnv()) Domain(values, extra...);
     }
   } catch (...) {
-    copy.end();
+    values.end();
     throw;
   }
+}
+
+void TavNumVarI::setPossibleValues(TavNumArray values) {
+  if (getType() != TavNumVar::Float)
+    throw TavNotSupportedOperation("You cannot change the domain of an integer variable by giving it a floating point variable");
+  installValues<TavNumVarDomainI>(copyOf(values));
   TavNotify<TavSetNumVarPossibleValues>(this, this, values.getImpl(), (TavArrayI*)nullptr);
 }
 
 void TavNumVarI::setPossibleValues(TavIntArray values) {
   if (getType() != TavNumVar::Float) {
-    TavIntArray copy = copyOf(values);
-    try {
-      if (_domain) {
-        copyOnWrite();
-        _domain->setIntValues(copy);
-      } else {
-        _domain = new (getEnv()) TavIntVarDomainI(copy, 0);
-      }
-    } catch (...) {
-      copy.end();
-      throw;
-    }
+    installValues<TavIntVarDomainI>(copyOf(values), (TavInt)0);
     TavNotify<TavSetNumVarPossibleValues>(this, this, (TavArrayI*)nullptr, values.getImpl());
     return;
   }
   // The domain keeps the converted array, so the record may point at it.
   TavNumArray converted = values.toNumArray();
-  try {
-    if (_domain) {
-      copyOnWrite();
-      _domain->setNumValues(converted);
-    } else {
-      _domain = new (getEnv()) TavNumVarDomainI(converted);
-    }
-  } catch (...) {
-    converted.end();
-    throw;
-  }
+  installValues<TavNumVarDomainI>(converted);
   TavNotify<TavSetNumVarPossibleValues>(this, this, converted.getImpl(), (TavArrayI*)nullptr);
 }
 

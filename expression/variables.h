@@ -6,6 +6,7 @@
 
 #include "checks.h"
 #include "handles.h"
+#include "storage.h"
 
 /// An array of arbitrary objects, coded as integers.
 class TavAnyArray : public TavIntArray {
@@ -98,7 +99,7 @@ class TavBoolVar : public TavIntVar {
 
 /// The implementation of every decision variable; bounds, type and values
 /// live in a domain, shared through the environment until first modified.
-class TavNumVarI : public TavNode<TavNumVarI, TavIntExprI> {
+class TavNumVarI : public TavNode<TavNumVarI, TavUncounted<TavIntExprI>> {
   TAV_NODE_STATICS
  public:
   static constexpr const char* RttiName = "TavNumVarI";
@@ -148,9 +149,6 @@ class TavNumVarI : public TavNode<TavNumVarI, TavIntExprI> {
   void display(std::ostream& os) const override;
   TavExtractableI* makeClone(TavEnvI* env) const override;
   void visitSubExtractables(TavExtractableVisitor* visitor) override;
-  bool isRefCountedExpr() const override { return false; }
-  void release() override {}
-  void end() override { TavExtractableI::end(); }
   bool isDecisionExpr() const override { return true; }
 
   /// Scratch slot of the linear nodes when mark arrays are unavailable.
@@ -159,6 +157,10 @@ class TavNumVarI : public TavNode<TavNumVarI, TavIntExprI> {
  protected:
   /// Replaces a shared domain by a private copy.
   void copyOnWrite();
+  /// Gives the (private) domain the list values, taken over; values goes
+  /// if that fails, and the domain is as it was.
+  template <class Domain, class Array, class... Extra>
+  void installValues(Array values, Extra... extra);
   double evalFallback() const;
   TavVarDomainI* _domain;
 };

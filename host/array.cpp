@@ -104,8 +104,8 @@ void TavArrayI::remove(TavInt first, TavInt count) {
 void TavArrayI::end() { delete this; }
 
 TavArrayI* TavArrayBase::Make(TavEnv env, TavInt n) {
-  if (env.getImpl() == nullptr) throw TavEmptyHandleException();
-  return new (env.getImpl()) TavArrayI(env.getImpl(), n);
+  TavEnvI* e = TavNeed(env.getImpl());
+  return new (e) TavArrayI(e, n);
 }
 
 TavNumArray TavIntArray::toNumArray() const {
@@ -156,16 +156,6 @@ void TavExtractableVisitor::visitChildren(TavExtractableI* parent, TavExtractabl
 }
 
 TavExtractableArray TavChange::getChangedExtractableArray() const { return TavExtractableArray(); }
-
-void TavNumRange::end() {
-  delete _impl;
-  _impl = nullptr;
-}
-
-void TavIntRange::end() {
-  delete _impl;
-  _impl = nullptr;
-}
 
 TavAddExtractableI::TavAddExtractableI(TavEnvI* env) : _env(env), _installed(TavEnv(env), 0) {}
 

@@ -73,10 +73,7 @@ class TavArrayBase {
   TavArrayBase(TavArrayI* impl = nullptr) : _impl(impl) {}
   TavArrayI* getImpl() const { return _impl; }
   TavEnv getEnv() const { return TavEnv(_impl ? _impl->getEnv() : nullptr); }
-  TavInt getSize() const {
-    if (TAV_UNLIKELY(_impl == nullptr)) throw TavEmptyHandleException();
-    return _impl->getSize();
-  }
+  TavInt getSize() const { return TavNeed(_impl)->getSize(); }
   void remove(TavInt first, TavInt count = 1) { _impl->remove(first, count); }
   void clear() { _impl->clear(); }
   /// Frees the array (not its elements).
@@ -213,53 +210,56 @@ class TavExtractableArray : public TavArrayBase {
   void replaceByClone(TavEnvI* env);
 };
 
-/// A numeric interval, used to create variables over it.
-class TavNumRangeI : public TavMemoryManagerObjectI {
+/// An interval of T, used to create variables over it.
+template <class T>
+class TavRangeI : public TavMemoryManagerObjectI {
  public:
-  TavNumRangeI(TavEnvI* env, double lb, double ub) : _env(env), _lb(lb), _ub(ub) {}
+  TavRangeI(TavEnvI* env, T lb, T ub) : _env(env), _lb(lb), _ub(ub) {}
   TavEnvI* getEnv() const { return _env; }
-  double getLB() const { return _lb; }
-  double getUB() const { return _ub; }
+  T getLB() const { return _lb; }
+  T getUB() const { return _ub; }
 
  private:
   TavEnvI* _env;
-  double _lb, _ub;
+  T _lb, _ub;
 };
 
-class TavIntRangeI : public TavMemoryManagerObjectI {
+class TavNumRangeI : public TavRangeI<double> {
  public:
-  TavIntRangeI(TavEnvI* env, TavInt lb, TavInt ub) : _env(env), _lb(lb), _ub(ub) {}
-  TavEnvI* getEnv() const { return _env; }
-  TavInt getLB() const { return _lb; }
-  TavInt getUB() const { return _ub; }
-
- private:
-  TavEnvI* _env;
-  TavInt _lb, _ub;
+  using TavRangeI::TavRangeI;
 };
 
-class TavNumRange {
+class TavIntRangeI : public TavRangeI<TavInt> {
  public:
-  TavNumRange(TavNumRangeI* impl = nullptr) : _impl(impl) {}
-  TavNumRange(TavEnv env, double lb, double ub) : _impl(new (env.getImpl()) TavNumRangeI(env.getImpl(), lb, ub)) {}
-  TavNumRangeI* getImpl() const { return _impl; }
-  TavEnv getEnv() const { return TavEnv(_impl->getEnv()); }
-  void end();
-
- private:
-  TavNumRangeI* _impl;
+  using TavRangeI::TavRangeI;
 };
 
-class TavIntRange {
+/// Handle over an interval of T (implementation Impl).
+template <class Impl, class T>
+class TavRangeHandle {
  public:
-  TavIntRange(TavIntRangeI* impl = nullptr) : _impl(impl) {}
-  TavIntRange(TavEnv env, TavInt lb, TavInt ub) : _impl(new (env.getImpl()) TavIntRangeI(env.getImpl(), lb, ub)) {}
-  TavIntRangeI* getImpl() const { return _impl; }
-  TavEnv getEnv() const { return TavEnv(_impl->getEnv()); }
-  void end();
+  TavRangeHandle(Impl* impl = nullptr) : _impl(impl) {}
+  TavRangeHandle(TavEnv env, T lb, T ub) : _impl(new (TavNeed(env.getImpl())) Impl(env.getImpl(), lb, ub)) {}
+  Impl* getImpl() const { return _impl; }
+  TavEnv getEnv() const { return TavEnv(TavNeed(_impl)->getEnv()); }
+  /// Frees the interval.
+  void end() {
+    delete _impl;
+    _impl = nullptr;
+  }
 
  private:
-  TavIntRangeI* _impl;
+  Impl* _impl;
+};
+
+class TavNumRange : public TavRangeHandle<TavNumRangeI, double> {
+ public:
+  using TavRangeHandle::TavRangeHandle;
+};
+
+class TavIntRange : public TavRangeHandle<TavIntRangeI, TavInt> {
+ public:
+  using TavRangeHandle::TavRangeHandle;
 };
 
 /// What a column-wise variable is installed into.

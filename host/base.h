@@ -87,6 +87,14 @@ TAV_EXCEPTION_CLASS(TavNotSupportedOperation, TavException)
 TAV_EXCEPTION_CLASS(TavBadConversion, TavException)
 TAV_EXCEPTION_CLASS(TavArrayError, TavException)
 
+/// The pointer behind a handle, or TavEmptyHandleException when it is null:
+/// the one empty-handle check of every layer.
+template <class P>
+P* TavNeed(P* p) {
+  if (TAV_UNLIKELY(p == nullptr)) throw TavEmptyHandleException();
+  return p;
+}
+
 std::ostream& operator<<(std::ostream& os, const TavException& e);
 
 #endif

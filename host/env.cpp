@@ -47,7 +47,7 @@ TavExtractableI::ObjectHook TavExtractableI::_modifyCP = nullptr;
 
 
 TavExtractableI::TavExtractableI(TavEnvI* env, const char* name) : _env(env), _id(-1), _name(nullptr) {
-  if (env == nullptr) throw TavEmptyHandleException();
+  TavNeed(env);
   if (name) setName(name);
   try {
     _id = env->registerObject(this);
@@ -130,8 +130,7 @@ void TavChange::applyToCP(TavAlgorithm alg, void* data) const {
 // ---------------------------------------------------------------- algorithms
 
 TavAlgorithmI::TavAlgorithmI(TavEnvI* env) : _env(env) {
-  if (env == nullptr) throw TavEmptyHandleException();
-  env->_algorithms.push_back(this);
+  TavNeed(env)->_algorithms.push_back(this);
 }
 
 TavAlgorithmI::~TavAlgorithmI() {
