@@ -13,56 +13,60 @@ inline double intQuotient(double a, double b) { return (double)(TavTrunc(a) / Ta
 
 // Products and quotients. The constant is always the second field; in the
 // RecDiv rows it is the dividend and prints first. Integer products stay in
-// floating point while integer quotients go through 64-bit integers.
-//  name, base, constant type, integrality, constant printed first, texts, value
-#define TAV_PRODUCT_FAMILY(CST, BIN) \
-  CST(TavNumTimesCstI, TavNumExprI, double, FromOperands, false, \
-             TAV_TEXTS("( ", "* ", ") ", "", " * ", ""), v * c) \
-  CST(TavNumDivCstI, TavNumExprI, double, Never, false, \
-             TAV_TEXTS("( ", "/ ", ") ", "", "/ ", ""), v / c) \
-  CST(TavNumRecDivCstI, TavNumExprI, double, Never, true, \
-             TAV_TEXTS("( ", "/ ", ") ", "", " / ", ""), c / v) \
-  CST(TavIntTimesCstI, TavIntExprI, TavInt, Always, false, \
-             TAV_TEXTS("( ", "* ", ") ", "", " * ", ""), v * (double)c) \
-  CST(TavIntDivCstI, TavIntExprI, TavInt, Always, false, \
-             TAV_TEXTS("( ", "/ ", ") ", "", " / ", ""), (double)(TavTrunc(v) / c)) \
-  CST(TavIntRecDivCstI, TavIntExprI, TavInt, Always, true, \
-             TAV_TEXTS("( ", "/ ", ") ", "", " / ", ""), (double)(c / TavTrunc(v))) \
-  BIN(TavNumTimesI, TavNumExprI, FromOperands, TAV_TEXTS("( ", "* ", ") ", "", " * ", ""), a * b) \
-  BIN(TavNumDivI, TavNumExprI, Never, TAV_TEXTS("( ", "/ ", ") ", "", " / ", ""), a / b) \
-  BIN(TavIntTimesI, TavIntExprI, Always, TAV_TEXTS("( ", "* ", ") ", "", " * ", ""), a * b) \
-  BIN(TavIntDivI, TavIntExprI, Always, TAV_TEXTS("( ", "/ ", ") ", "", " / ", ""), \
-                tav_detail::intQuotient(a, b))
+// floating point while integer quotients go through 64-bit integers. The
+// operators fold linear operands and constant factors, so their builders
+// are hand-written (operators.cpp).
+//  class, base, builder (how, name), [constant type,] integrality, [order,] texts, value
+#define TAV_PRODUCT_FAMILY(CST, BIN)                                                                             \
+  CST(TavNumTimesCstI, TavNumExprI, HandWritten, operator*, double, FromOperands, Either,                        \
+      TAV_TEXTS("( ", "* ", ") ", "", " * ", ""), v * c)                                                         \
+  CST(TavNumDivCstI, TavNumExprI, HandWritten, operator/, double, Never, OperandFirst,                           \
+      TAV_TEXTS("( ", "/ ", ") ", "", "/ ", ""), v / c)                                                          \
+  CST(TavNumRecDivCstI, TavNumExprI, HandWritten, operator/, double, Never, ConstantFirst,                       \
+      TAV_TEXTS("( ", "/ ", ") ", "", " / ", ""), c / v)                                                         \
+  CST(TavIntTimesCstI, TavIntExprI, HandWritten, operator*, TavInt, Always, Either,                              \
+      TAV_TEXTS("( ", "* ", ") ", "", " * ", ""), v * (double)c)                                                 \
+  CST(TavIntDivCstI, TavIntExprI, Generated, TavDiv, TavInt, Always, OperandFirst,                               \
+      TAV_TEXTS("( ", "/ ", ") ", "", " / ", ""), (double)(TavTrunc(v) / c))                                     \
+  CST(TavIntRecDivCstI, TavIntExprI, Generated, TavDiv, TavInt, Always, ConstantFirst,                           \
+      TAV_TEXTS("( ", "/ ", ") ", "", " / ", ""), (double)(c / TavTrunc(v)))                                     \
+  BIN(TavNumTimesI, TavNumExprI, HandWritten, operator*, FromOperands, TAV_TEXTS("( ", "* ", ") ", "", " * ", ""), \
+      a * b)                                                                                                     \
+  BIN(TavNumDivI, TavNumExprI, HandWritten, operator/, Never, TAV_TEXTS("( ", "/ ", ") ", "", " / ", ""), a / b) \
+  BIN(TavIntTimesI, TavIntExprI, HandWritten, operator*, Always, TAV_TEXTS("( ", "* ", ") ", "", " * ", ""), a * b) \
+  BIN(TavIntDivI, TavIntExprI, Generated, TavDiv, Always, TAV_TEXTS("( ", "/ ", ") ", "", " / ", ""),           \
+      tav_detail::intQuotient(a, b))
 TAV_PRODUCT_FAMILY(TAV_CST_NODE, TAV_BINARY_NODE)
 
 // Minimum and maximum. Ties and not-a-number comparisons give the constant
 // (or the right operand). The texts are irregular on purpose: solvers and
-// users parse them as they are.
-#define TAV_MINMAX_FAMILY(CST, BIN, ARR) \
-  CST(TavNumMinCstI, TavNumExprI, double, FromOperands, false, \
-             TAV_TEXTS("TavMin( ", ", ", ") ", "min( ", ", ", ")"), c > v ? v : c) \
-  CST(TavNumMaxCstI, TavNumExprI, double, FromOperands, false, \
-             TAV_TEXTS("TavMax( ", ", ", ") ", "max(", ", ", ")"), v > c ? v : c) \
-  CST(TavIntMinCstI, TavIntExprI, TavInt, Always, false, \
-             TAV_TEXTS("( ", ", ", ") ", "min(", ", ", ")"), (double)c > v ? v : (double)c) \
-  CST(TavIntMaxCstI, TavIntExprI, TavInt, Always, false, \
-             TAV_TEXTS("( ", ", ", ") ", "max(", ", ", ")"), v > (double)c ? v : (double)c) \
-  BIN(TavNumMinI, TavNumExprI, FromOperands, TAV_TEXTS("TavMin( ", ", ", ") ", "min(", ", ", ")"), \
-                b > a ? a : b) \
-  BIN(TavNumMaxI, TavNumExprI, FromOperands, TAV_TEXTS("TavMax( ", ", ", ") ", "max(", ", ", ")"), \
-                a > b ? a : b) \
-  BIN(TavIntMinI, TavIntExprI, Always, TAV_TEXTS("TavMin( ", ", ", ") ", "min(", ", ", ")"), \
-                b > a ? a : b) \
-  BIN(TavIntMaxI, TavIntExprI, Always, TAV_TEXTS("TavMax( ", ", ", ") ", "max(", ", ", ")"), \
-                a > b ? a : b) \
-  ARR(TavNumMinArrayI, TavNumExprI, TavNumExprArray, FromOperands, \
-               TAV_TEXTS("TavMin( ", "", ") ", "min( ", "", ")"), "Array of size 0 in evaluation of TavMin", m > v) \
-  ARR(TavNumMaxArrayI, TavNumExprI, TavNumExprArray, FromOperands, \
-               TAV_TEXTS("TavMax( ", "", ") ", "max(", "", ")"), "Array of size 0 in evaluation of TavMax", v > m) \
-  ARR(TavIntMinArrayI, TavIntExprI, TavIntExprArray, Always, \
-               TAV_TEXTS("TavMin( ", "", ") ", "min(", "", ")"), "Array of size 0 in evaluation of TavMin", m > v) \
-  ARR(TavIntMaxArrayI, TavIntExprI, TavIntExprArray, Always, \
-               TAV_TEXTS("TavMax( ", "", ") ", "max(", "", ")"), "Array of size 0 in evaluation of TavMax", v > m)
+// users parse them as they are. Array rows: array type, texts, the message
+// of an empty array at evaluation, when a value v replaces the running m.
+#define TAV_MINMAX_FAMILY(CST, BIN, ARR)                                                                   \
+  CST(TavNumMinCstI, TavNumExprI, Generated, TavMin, double, FromOperands, Either,                         \
+      TAV_TEXTS("TavMin( ", ", ", ") ", "min( ", ", ", ")"), c > v ? v : c)                                \
+  CST(TavNumMaxCstI, TavNumExprI, Generated, TavMax, double, FromOperands, Either,                         \
+      TAV_TEXTS("TavMax( ", ", ", ") ", "max(", ", ", ")"), v > c ? v : c)                                 \
+  CST(TavIntMinCstI, TavIntExprI, Generated, TavMin, TavInt, Always, Either,                               \
+      TAV_TEXTS("( ", ", ", ") ", "min(", ", ", ")"), (double)c > v ? v : (double)c)                       \
+  CST(TavIntMaxCstI, TavIntExprI, Generated, TavMax, TavInt, Always, Either,                               \
+      TAV_TEXTS("( ", ", ", ") ", "max(", ", ", ")"), v > (double)c ? v : (double)c)                       \
+  BIN(TavNumMinI, TavNumExprI, Generated, TavMin, FromOperands,                                            \
+      TAV_TEXTS("TavMin( ", ", ", ") ", "min(", ", ", ")"), b > a ? a : b)                                 \
+  BIN(TavNumMaxI, TavNumExprI, Generated, TavMax, FromOperands,                                            \
+      TAV_TEXTS("TavMax( ", ", ", ") ", "max(", ", ", ")"), a > b ? a : b)                                 \
+  BIN(TavIntMinI, TavIntExprI, Generated, TavMin, Always, TAV_TEXTS("TavMin( ", ", ", ") ", "min(", ", ", ")"), \
+      b > a ? a : b)                                                                                       \
+  BIN(TavIntMaxI, TavIntExprI, Generated, TavMax, Always, TAV_TEXTS("TavMax( ", ", ", ") ", "max(", ", ", ")"), \
+      a > b ? a : b)                                                                                       \
+  ARR(TavNumMinArrayI, TavNumExprI, Generated, TavMin, TavNumExprArray, FromOperands,                      \
+      TAV_TEXTS("TavMin( ", "", ") ", "min( ", "", ")"), "Array of size 0 in evaluation of TavMin", m > v) \
+  ARR(TavNumMaxArrayI, TavNumExprI, Generated, TavMax, TavNumExprArray, FromOperands,                      \
+      TAV_TEXTS("TavMax( ", "", ") ", "max(", "", ")"), "Array of size 0 in evaluation of TavMax", v > m)  \
+  ARR(TavIntMinArrayI, TavIntExprI, Generated, TavMin, TavIntExprArray, Always,                            \
+      TAV_TEXTS("TavMin( ", "", ") ", "min(", "", ")"), "Array of size 0 in evaluation of TavMin", m > v)  \
+  ARR(TavIntMaxArrayI, TavIntExprI, Generated, TavMax, TavIntExprArray, Always,                            \
+      TAV_TEXTS("TavMax( ", "", ") ", "max(", "", ")"), "Array of size 0 in evaluation of TavMax", v > m)
 TAV_MINMAX_FAMILY(TAV_CST_NODE, TAV_BINARY_NODE, TAV_ARRAY_NODE)
 
 // Integer quotients, never folded; a zero divisor is the caller's concern.
@@ -72,27 +76,39 @@ TavIntExprArg TavDiv(TavInt c, const TavIntExprArg& x);
 TavIntExprArg TavDiv(const TavIntExprArg& x, int c);
 TavIntExprArg TavDiv(int c, const TavIntExprArg& x);
 
-// Minimum and maximum builders. No builder simplifies; the node builders
-// over arrays accept an empty array (its node reports it when evaluated),
-// while the number-array forms compute at once and reject it.
-#define TAV_MINMAX_BUILDERS(F)                                 \
-  TavNumExprArg F(const TavNumExprArg& a, const TavNumExprArg& b); \
-  TavNumExprArg F(const TavNumExprArg& x, double c);           \
-  TavNumExprArg F(double c, const TavNumExprArg& x);           \
-  TavIntExprArg F(const TavIntExprArg& a, const TavIntExprArg& b); \
-  TavIntExprArg F(const TavIntExprArg& x, TavInt c);           \
-  TavIntExprArg F(const TavIntExprArg& x, int c);              \
-  TavIntExprArg F(TavInt c, const TavIntExprArg& x);           \
-  TavIntExprArg F(int c, const TavIntExprArg& x);              \
-  TavNumExprArg F(const TavNumExprArray& a);                   \
-  TavIntExprArg F(const TavIntExprArray& a);                   \
-  TavNumExprArg F(const TavNumVarArray& a);                    \
-  TavIntExprArg F(const TavIntVarArray& a);                    \
-  double F(const TavNumArray& a);                              \
-  TavInt F(const TavIntArray& a);
-TAV_MINMAX_BUILDERS(TavMin)
-TAV_MINMAX_BUILDERS(TavMax)
-#undef TAV_MINMAX_BUILDERS
+// Minimum and maximum. No builder simplifies; the node builders over arrays
+// accept an empty array (its node reports it when evaluated), while the
+// number-array forms compute at once and reject it.
+TavNumExprArg TavMin(const TavNumExprArg& a, const TavNumExprArg& b);
+TavNumExprArg TavMin(const TavNumExprArg& x, double c);
+TavNumExprArg TavMin(double c, const TavNumExprArg& x);
+TavIntExprArg TavMin(const TavIntExprArg& a, const TavIntExprArg& b);
+TavIntExprArg TavMin(const TavIntExprArg& x, TavInt c);
+TavIntExprArg TavMin(const TavIntExprArg& x, int c);
+TavIntExprArg TavMin(TavInt c, const TavIntExprArg& x);
+TavIntExprArg TavMin(int c, const TavIntExprArg& x);
+TavNumExprArg TavMin(const TavNumExprArray& a);
+TavIntExprArg TavMin(const TavIntExprArray& a);
+TavNumExprArg TavMin(const TavNumVarArray& a);
+TavIntExprArg TavMin(const TavIntVarArray& a);
+double TavMin(const TavNumArray& a);
+TavInt TavMin(const TavIntArray& a);
+
+TavNumExprArg TavMax(const TavNumExprArg& a, const TavNumExprArg& b);
+TavNumExprArg TavMax(const TavNumExprArg& x, double c);
+TavNumExprArg TavMax(double c, const TavNumExprArg& x);
+TavIntExprArg TavMax(const TavIntExprArg& a, const TavIntExprArg& b);
+TavIntExprArg TavMax(const TavIntExprArg& x, TavInt c);
+TavIntExprArg TavMax(const TavIntExprArg& x, int c);
+TavIntExprArg TavMax(TavInt c, const TavIntExprArg& x);
+TavIntExprArg TavMax(int c, const TavIntExprArg& x);
+TavNumExprArg TavMax(const TavNumExprArray& a);
+TavIntExprArg TavMax(const TavIntExprArray& a);
+TavNumExprArg TavMax(const TavNumVarArray& a);
+TavIntExprArg TavMax(const TavIntVarArray& a);
+double TavMax(const TavNumArray& a);
+TavInt TavMax(const TavIntArray& a);
+
 TAV_INT_EXPR_BINARY(TavDiv)
 TAV_INT_EXPR_BINARY(TavMin)
 TAV_INT_EXPR_BINARY(TavMax)

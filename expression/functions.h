@@ -11,14 +11,16 @@ inline double intRemainder(double a, double b) { return (double)(TavTrunc(a) % T
 }  // namespace tav_detail
 
 // The blanks differ between the three on purpose: readers of printed
-// models match these texts exactly.
-#define TAV_MODULO_FAMILY(CST, BIN)                                                                   \
-  BIN(TavIntModuloI, TavIntExprI, Always, TAV_TEXTS("( ", "% ", ") ", "", " % ", ""),                  \
-      tav_detail::intRemainder(a, b))                                                                  \
-  CST(TavIntModuloCstI, TavIntExprI, TavInt, Always, false, TAV_TEXTS("( ", "% ", ") ", "", "% ", ""), \
-      (double)(TavTrunc(v) % c))                                                                       \
-  CST(TavIntRecModuloCstI, TavIntExprI, TavInt, Always, true, TAV_TEXTS("(", "% ", ")", "", " % ", ""), \
-      (double)(c % TavTrunc(v)))
+// models match these texts exactly. The % operators build them
+// (operators.cpp).
+//  class, base, builder (how, name), [constant type,] integrality, [order,] texts, value
+#define TAV_MODULO_FAMILY(CST, BIN)                                                                         \
+  BIN(TavIntModuloI, TavIntExprI, HandWritten, operator%, Always, TAV_TEXTS("( ", "% ", ") ", "", " % ", ""), \
+      tav_detail::intRemainder(a, b))                                                                        \
+  CST(TavIntModuloCstI, TavIntExprI, HandWritten, operator%, TavInt, Always, OperandFirst,                  \
+      TAV_TEXTS("( ", "% ", ") ", "", "% ", ""), (double)(TavTrunc(v) % c))                                 \
+  CST(TavIntRecModuloCstI, TavIntExprI, HandWritten, operator%, TavInt, Always, ConstantFirst,              \
+      TAV_TEXTS("(", "% ", ")", "", " % ", ""), (double)(c % TavTrunc(v)))
 TAV_MODULO_FAMILY(TAV_CST_NODE, TAV_BINARY_NODE)
 
 #endif

@@ -1,25 +1,41 @@
-// The three shapes of an operator node: one operand and a constant, two
-// operands, or an array of operands. A shape holds its operands by shared
-// reference and does the counting, cloning, visiting and printing; a node
-// class is one table row giving its name, base, texts and scalar function.
+// The shapes of a tabled node: one operand; one operand and a constant; two
+// operands; an array of operands; an index into an array. A shape holds
+// its parts (storage.h) and does the evaluation, integrality, printing,
+// visiting and cloning; a node class is one table row giving its name,
+// base, builder, integrality, texts and scalar function.
+//
+// A family is one X-macro list with one callback per shape; a row such as
+//   UN(TavNumSquareI, TavNumExprI, Generated, TavSquare, TavNumExprArg, FromOperands,
+//      TAV_TEXTS("TavSquare(", "", ") ", "square(", "", ")"), Apply(v * v))
+// in a list TAV_SQUARE_FAMILY(UN) is expanded with TAV_UNARY_NODE in the
+// header (the classes), and in the source with TAV_ROW_STATICS (their
+// statics) and TAV_UNARY_BUILDER (builders.h: the generated builders).
 #ifndef TAV_EXPRESSION_SHAPES_H
 #define TAV_EXPRESSION_SHAPES_H
 
 #include <ostream>
+#include <type_traits>
 
 #include "arrays.h"
-#include "linear.h"
-#include "stack.h"
+#include "storage.h"
 
 /// How a node's integrality follows from its operands.
 enum class TavIntegrality {
   Never,         ///< never integer
-  FromOperands,  ///< every operand integer and the constant integral
+  FromOperands,  ///< every operand (every array element) integer and the constant integral
   Always,        ///< integer nodes
 };
 
-/// What a node prints around and between its operands, in the library
-/// syntax and in the short syntax.
+/// Where the constant of a constant-operand node goes, in the builder's
+/// arguments and in print.
+enum class TavOrder {
+  OperandFirst,   ///< F(x, c); prints x first
+  ConstantFirst,  ///< F(c, x); prints c first
+  Either,         ///< F(x, c) and F(c, x) build the same node; prints x first
+};
+
+/// What a node prints around and between its parts, in the library syntax
+/// and in the short syntax.
 struct TavNodeTexts {
   const char* libOpen;
   const char* libMid;
@@ -32,214 +48,328 @@ struct TavNodeTexts {
 namespace tav_detail {
 inline bool integral(double c) { return TavNumIsInteger(c); }
 inline bool integral(TavInt) { return true; }
-/// The clone of an operand in the current pass, from the node's own
-/// environment (which records every pair of the pass it runs).
-inline TavNumExprI* cloneOf(const TavNumExprI* node, const TavNumExprI* e) {
-  return static_cast<TavNumExprI*>(node->getEnv()->getClone(e));
+
+/// A node's answer to isInteger for its integrality; operands() is asked
+/// only when it matters.
+template <class Operands>
+bool integrality(TavIntegrality rule, Operands operands) {
+  if (rule == TavIntegrality::Always) return true;
+  return rule == TavIntegrality::FromOperands && operands();
 }
-/// Prints first, the middle text, then second, inside the syntax's texts.
-template <class A, class B>
-void displayPair(std::ostream& os, const TavEnvI* env, const TavNodeTexts& t, const A& first, const B& second);
-inline void show(std::ostream& os, const TavNumExprI* e) { e->display(os); }
+
+/// The three texts of one syntax.
+struct SyntaxTexts {
+  const char* open;
+  const char* mid;
+  const char* close;
+};
+/// The texts of the syntax node's environment displays in.
+inline SyntaxTexts syntaxOf(const TavExtractableI* node, const TavNodeTexts& t) {
+  if (node->getEnv()->isLibrarySyntaxDisplay()) return {t.libOpen, t.libMid, t.libClose};
+  return {t.shortOpen, t.shortMid, t.shortClose};
+}
+
+// What a part of a node prints: operands through their own display (a deep
+// call), numbers and arrays through the stream.
 inline void show(std::ostream& os, double c) { os << c; }
 inline void show(std::ostream& os, TavInt c) { os << c; }
-
-template <class A, class B>
-void displayPair(std::ostream& os, const TavEnvI* env, const TavNodeTexts& t, const A& first, const B& second) {
-  const bool lib = env->isLibrarySyntaxDisplay();
-  os << (lib ? t.libOpen : t.shortOpen);
-  show(os, first);
-  os << (lib ? t.libMid : t.shortMid);
-  show(os, second);
-  os << (lib ? t.libClose : t.shortClose);
+inline void show(std::ostream& os, const char* text) { os << text; }
+inline void show(std::ostream& os, const TavNumExprI* e) {
+  TavDeepCall([e, &os] { e->display(os); });
 }
+template <class E>
+void show(std::ostream& os, const TavOperand<E>& e) {
+  e.display(os);
+}
+template <class Array>
+void show(std::ostream& os, const TavOwnedArray<Array>& a) {
+  a.display(os);
+}
+/// An array handle as the array stream operator prints it: "[a, b]", the
+/// separator before every tenth element a line break.
+template <class Array, std::enable_if_t<std::is_base_of<TavArrayBase, Array>::value, int> = 0>
+void show(std::ostream& os, const Array& a) {
+  TavDeepCall([&] { os << a; });
+}
+
+/// The call form: open, the parts separated by mid, close, in the syntax of
+/// node's environment. One part prints no mid.
+template <class First, class... Rest>
+void displayCall(std::ostream& os, const TavExtractableI* node, const TavNodeTexts& texts, const First& first,
+                 const Rest&... rest) {
+  const SyntaxTexts t = syntaxOf(node, texts);
+  os << t.open;
+  show(os, first);
+  ((os << t.mid, show(os, rest)), ...);
+  os << t.close;
+}
+
+/// Whether Self evaluates itself (static double Eval(const Shape&, TavAlgorithm)).
+template <class Self, class = void>
+struct HasOwnEval : std::false_type {};
+template <class Self>
+struct HasOwnEval<Self, std::void_t<decltype(&Self::Eval)>> : std::true_type {};
 }  // namespace tav_detail
 
+/// One operand. Self supplies Integral, Texts (open and close) and either
+/// Apply(value) or, for a node that reads its operand more than once,
+/// Eval(node, alg) using operandValue(alg).
+template <class Self, class Base>
+class TavUnaryNode : public TavNode<Self, Base> {
+ public:
+  TavUnaryNode(TavEnvI* env, TavNumExprI* x) : TavNode<Self, Base>(env, nullptr), _expr(x) {}
+
+  TavNumExprI* getExpr() const { return _expr.get(); }
+  /// One evaluation of the operand.
+  double operandValue(TavAlgorithm alg) const { return _expr.eval(alg); }
+
+  double eval(TavAlgorithm alg) const override {
+    if constexpr (tav_detail::HasOwnEval<Self>::value) return Self::Eval(*this, alg);
+    else return Self::Apply(_expr.eval(alg));
+  }
+  bool isInteger() const override {
+    return tav_detail::integrality(Self::Integral, [this] { return _expr.isInteger(); });
+  }
+  void display(std::ostream& os) const override { tav_detail::displayCall(os, this, Self::Texts, _expr); }
+  void visitSubExtractables(TavExtractableVisitor* visitor) override {
+    visitor->beginVisit(this);
+    _expr.visit(this, visitor);
+    visitor->endVisit(this);
+  }
+  TavExtractableI* makeClone(TavEnvI* env) const override { return new (env) Self(env, _expr.clone(this)); }
+
+ private:
+  TavOperand<> _expr;
+};
+
 /// An operand and a constant. Self supplies Apply(value, constant),
-/// Integral, ConstantFirst (the constant prints first) and Texts.
+/// Integral, Order (where the constant prints) and Texts.
 template <class Self, class Base, class Constant>
 class TavCstNode : public TavNode<Self, Base> {
  public:
-  TavCstNode(TavEnvI* env, TavNumExprI* x, Constant c) : TavNode<Self, Base>(env, nullptr), _expr(x), _cst(c) {
-    x->lockRef();
-  }
-  ~TavCstNode() override { this->getEnv()->release(_expr); }
+  TavCstNode(TavEnvI* env, TavNumExprI* x, Constant c) : TavNode<Self, Base>(env, nullptr), _expr(x), _cst(c) {}
 
-  TavNumExprI* getExpr() const { return _expr; }
+  TavNumExprI* getExpr() const { return _expr.get(); }
   Constant getConstant() const { return _cst; }
 
-  double eval(TavAlgorithm alg) const override {
-    return Self::Apply(TavDeepCall([this, alg] { return _expr->eval(alg); }), _cst);
-  }
+  double eval(TavAlgorithm alg) const override { return Self::Apply(_expr.eval(alg), _cst); }
   bool isInteger() const override {
-    if (Self::Integral == TavIntegrality::Always) return true;
-    return Self::Integral == TavIntegrality::FromOperands && TavDeepCall([&] { return _expr->isInteger(); }) &&
-           tav_detail::integral(_cst);
+    return tav_detail::integrality(Self::Integral,
+                                   [this] { return _expr.isInteger() && tav_detail::integral(_cst); });
   }
   void display(std::ostream& os) const override {
-    TavDeepCall([&] {
-      if (Self::ConstantFirst) tav_detail::displayPair(os, this->getEnv(), Self::Texts, _cst, _expr);
-      else tav_detail::displayPair(os, this->getEnv(), Self::Texts, _expr, _cst);
-    });
+    if (Self::Order == TavOrder::ConstantFirst) tav_detail::displayCall(os, this, Self::Texts, _cst, _expr);
+    else tav_detail::displayCall(os, this, Self::Texts, _expr, _cst);
   }
   void visitSubExtractables(TavExtractableVisitor* visitor) override {
     visitor->beginVisit(this);
-    visitor->visitChild(this, _expr);
+    _expr.visit(this, visitor);
     visitor->endVisit(this);
   }
-  TavExtractableI* makeClone(TavEnvI* env) const override {
-    return new (env) Self(env, tav_detail::cloneOf(this, _expr), _cst);
-  }
+  TavExtractableI* makeClone(TavEnvI* env) const override { return new (env) Self(env, _expr.clone(this), _cst); }
 
  private:
-  TavNumExprI* _expr;
+  TavOperand<> _expr;
   Constant _cst;
 };
 
-/// Two operands. Self supplies Apply(left, right), Integral and Texts.
+/// Two operands, evaluated left first. Self supplies Apply(left, right),
+/// Integral and Texts.
 template <class Self, class Base>
 class TavBinaryNode : public TavNode<Self, Base> {
  public:
   TavBinaryNode(TavEnvI* env, TavNumExprI* a, TavNumExprI* b)
-      : TavNode<Self, Base>(env, nullptr), _left(a), _right(b) {
-    a->lockRef();
-    b->lockRef();
-  }
-  ~TavBinaryNode() override {
-    this->getEnv()->release(_left);
-    this->getEnv()->release(_right);
-  }
+      : TavNode<Self, Base>(env, nullptr), _left(a), _right(b) {}
 
-  TavNumExprI* getLeft() const { return _left; }
-  TavNumExprI* getRight() const { return _right; }
+  TavNumExprI* getLeft() const { return _left.get(); }
+  TavNumExprI* getRight() const { return _right.get(); }
 
   double eval(TavAlgorithm alg) const override {
-    const double a = TavDeepCall([this, alg] { return _left->eval(alg); });
-    return Self::Apply(a, TavDeepCall([this, alg] { return _right->eval(alg); }));
+    const double a = _left.eval(alg);
+    return Self::Apply(a, _right.eval(alg));
   }
   bool isInteger() const override {
-    if (Self::Integral == TavIntegrality::Always) return true;
-    return Self::Integral == TavIntegrality::FromOperands &&
-           TavDeepCall([&] { return _left->isInteger() && _right->isInteger(); });
+    return tav_detail::integrality(Self::Integral, [this] { return _left.isInteger() && _right.isInteger(); });
   }
-  void display(std::ostream& os) const override {
-    TavDeepCall([&] { tav_detail::displayPair(os, this->getEnv(), Self::Texts, _left, _right); });
-  }
+  void display(std::ostream& os) const override { tav_detail::displayCall(os, this, Self::Texts, _left, _right); }
   void visitSubExtractables(TavExtractableVisitor* visitor) override {
     visitor->beginVisit(this);
-    visitor->visitChild(this, _left);
-    visitor->visitChild(this, _right);
+    _left.visit(this, visitor);
+    _right.visit(this, visitor);
     visitor->endVisit(this);
   }
   TavExtractableI* makeClone(TavEnvI* env) const override {
-    TavNumExprI* a = tav_detail::cloneOf(this, _left);
-    return new (env) Self(env, a, tav_detail::cloneOf(this, _right));
+    TavNumExprI* a = _left.clone(this);
+    return new (env) Self(env, a, _right.clone(this));
   }
 
  private:
-  TavNumExprI* _left;
-  TavNumExprI* _right;
+  TavOperand<> _left;
+  TavOperand<> _right;
 };
 
-/// An owned array of operands folded by a comparison. Self supplies
+/// A private array of operands folded by a comparison. Self supplies
 /// Better(candidate, current) (take the candidate when true), Integral,
 /// EvalMessage (the empty-array error) and Texts (open and close only).
 template <class Self, class Base, class Array>
 class TavArrayNode : public TavNode<Self, Base> {
  public:
-  /// Takes over a fresh array and adds one reference to every element.
-  TavArrayNode(TavEnvI* env, Array operands) : TavNode<Self, Base>(env, nullptr), _operands(operands) {
-    _operands.lockExprs();
-  }
-  ~TavArrayNode() override {
-    _operands.releaseExprs();
-    _operands.end();
-  }
+  /// Copies operands (an array, or TavOwnedArray::clone), one reference per element.
+  template <class From>
+  TavArrayNode(TavEnvI* env, const From& operands) : TavNode<Self, Base>(env, nullptr), _operands(env, operands) {}
 
-  Array getOperands() const { return _operands; }
+  Array getOperands() const { return _operands.get(); }
 
   double eval(TavAlgorithm alg) const override {
     const TavInt n = _operands.getSize();
     if (n == 0) throw TavArrayError(Self::EvalMessage, 0);
-    return TavDeepCall([&] {
-      double m = _operands.getElement(0)->eval(alg);
-      if (n == 1) return m;
-      // Element 0 is evaluated once more: a solver may count evaluations.
-      for (TavInt i = 0; i < n; ++i) {
-        const double v = _operands.getElement(i)->eval(alg);
-        if (Self::Better(v, m)) m = v;
-      }
-      return m;
-    });
+    double m = _operands.valueAt(0, alg);
+    if (n == 1) return m;
+    // Element 0 is evaluated once more: a solver may count evaluations.
+    for (TavInt i = 0; i < n; ++i) {
+      const double v = _operands.valueAt(i, alg);
+      if (Self::Better(v, m)) m = v;
+    }
+    return m;
   }
   bool isInteger() const override {
-    if (Self::Integral == TavIntegrality::Always) return true;
-    if (Self::Integral == TavIntegrality::Never) return false;
-    const TavInt n = _operands.getSize();
-    return TavDeepCall([&] {
-      for (TavInt i = 0; i < n; ++i)
-        if (!_operands.getElement(i)->isInteger()) return false;
-      return true;
-    });
+    return tav_detail::integrality(Self::Integral, [this] { return _operands.allInteger(); });
+  }
+  void display(std::ostream& os) const override { tav_detail::displayCall(os, this, Self::Texts, _operands); }
+  void visitSubExtractables(TavExtractableVisitor* visitor) override {
+    visitor->beginVisit(this);
+    _operands.visit(this, visitor);
+    visitor->endVisit(this);
+  }
+  TavExtractableI* makeClone(TavEnvI* env) const override { return new (env) Self(env, _operands.clone(this)); }
+
+ private:
+  TavOwnedArray<Array> _operands;
+};
+
+/// The element of a private array at the position an integer expression
+/// gives (truncated toward zero, not bounds-checked). Over expressions the
+/// node holds every element; over numbers only the index. Self supplies
+/// Integral (FromOperands: every element, not the index) and Texts: the
+/// library syntax prints open, index, mid, array, close; the short syntax
+/// open, index, close (no array).
+template <class Self, class Base, class Array>
+class TavElementNode : public TavNode<Self, Base> {
+ public:
+  /// Copies array (an array, or TavOwnedArray::clone) before it takes the index.
+  template <class From>
+  TavElementNode(TavEnvI* env, TavIntExprI* index, const From& array)
+      : TavNode<Self, Base>(env, nullptr), _array(env, array), _index(index) {}
+
+  TavIntExprI* getIndex() const { return _index.get(); }
+  Array getArray() const { return _array.get(); }
+
+  double eval(TavAlgorithm alg) const override { return _array.valueAt(TavTrunc(_index.eval(alg)), alg); }
+  bool isInteger() const override {
+    return tav_detail::integrality(Self::Integral, [this] { return _array.allInteger(); });
   }
   void display(std::ostream& os) const override {
-    const bool lib = this->getEnv()->isLibrarySyntaxDisplay();
-    os << (lib ? Self::Texts.libOpen : Self::Texts.shortOpen);
-    TavDeepCall([&] { os << static_cast<const TavExtractableArray&>(_operands); });
-    os << (lib ? Self::Texts.libClose : Self::Texts.shortClose);
+    if (this->getEnv()->isLibrarySyntaxDisplay()) tav_detail::displayCall(os, this, Self::Texts, _index, _array);
+    else tav_detail::displayCall(os, this, Self::Texts, _index);
   }
   void visitSubExtractables(TavExtractableVisitor* visitor) override {
     visitor->beginVisit(this);
-    visitor->visitChildren(this, _operands);
+    _index.visit(this, visitor);
+    _array.visit(this, visitor);
     visitor->endVisit(this);
   }
   TavExtractableI* makeClone(TavEnvI* env) const override {
-    Array clones = _operands;
-    clones.replaceByClone(env);
-    return new (env) Self(env, clones);
+    return new (env) Self(env, _index.clone(this), _array.clone(this));
   }
 
  private:
-  Array _operands;
+  // The array first: its copy is the only step that can fail, and it must
+  // fail before the index is counted.
+  TavOwnedArray<Array> _array;
+  TavOperand<TavIntExprI> _index;
 };
 
-/// What every row states: its name, shape, integrality and texts.
-#define TAV_ROW(Name, Shape, Args, Integrality, ...)                        \
-  class Name final : public Shape<Args> {                                   \
-    TAV_NODE_STATICS                                                        \
-   public:                                                                  \
-    static constexpr const char* RttiName = #Name;                          \
-    static constexpr TavIntegrality Integral = TavIntegrality::Integrality; \
-    static constexpr TavNodeTexts Texts = __VA_ARGS__;                      \
-    using Shape::Shape;
+// ------------------------------------------------------------------ rows
+//
+// One macro per shape turns a row into a complete class. The columns every
+// row shares: class, base, how the builder is made (Generated from the row
+// by builders.h, or HandWritten elsewhere), the builder's name,
+// integrality, texts; then what the shape needs (constant type and order,
+// array type, message) and the scalar function.
 
-/// One row of a constant-operand family.
-#define TAV_CST_NODE(Name, Base, Constant, Integrality, ConstFirst, Texts_, Formula)   \
-  TAV_ROW(Name, TavCstNode, Name TAV_COMMA Base TAV_COMMA Constant, Integrality, Texts_) \
-  static constexpr bool ConstantFirst = ConstFirst;                                    \
-  static double Apply(double v, Constant c) { return Formula; }                        \
+/// What every row states beside its shape: class name, integrality, texts.
+#define TAV_ROW_FACTS(Name, Integrality, Texts_)                          \
+  static constexpr const char* RttiName = #Name;                          \
+  static constexpr TavIntegrality Integral = TavIntegrality::Integrality; \
+  static constexpr TavNodeTexts Texts = Texts_;
+
+/// A unary row; Operand is the handle its builder takes (TavNumExprArg or
+/// TavIntExprArg). Formula is Apply(expression of the operand's value v), or
+/// Eval(expression of the node self and the algorithm alg) for a node that
+/// reads its operand itself (self.operandValue(alg)).
+#define TAV_UNARY_NODE(Name, Base, How, Builder, Operand, Integrality, Texts_, Formula) \
+  class Name final : public TavUnaryNode<Name, Base> {                         \
+    TAV_NODE_STATICS                                                           \
+   public:                                                                     \
+    TAV_ROW_FACTS(Name, Integrality, Texts_)                                   \
+    TAV_UNARY_##Formula                                                        \
+    using TavUnaryNode::TavUnaryNode;                                          \
+  };
+#define TAV_UNARY_Apply(Formula) \
+  static double Apply(double v) { return Formula; }
+#define TAV_UNARY_Eval(Formula)                                                                  \
+  static double Eval([[maybe_unused]] const TavUnaryNode& self, [[maybe_unused]] TavAlgorithm alg) { \
+    return Formula;                                                                              \
+  }
+
+/// A row with an operand and a constant: Formula of the operand's value v
+/// and the constant c.
+#define TAV_CST_NODE(Name, Base, How, Builder, Constant, Integrality, Order_, Texts_, Formula) \
+  class Name final : public TavCstNode<Name, Base, Constant> {                                \
+    TAV_NODE_STATICS                                                                          \
+   public:                                                                                    \
+    TAV_ROW_FACTS(Name, Integrality, Texts_)                                                  \
+    static constexpr TavOrder Order = TavOrder::Order_;                                       \
+    static double Apply(double v, Constant c) { return Formula; }                             \
+    using TavCstNode::TavCstNode;                                                             \
   };
 
-/// One row of a two-operand family.
-#define TAV_BINARY_NODE(Name, Base, Integrality, Texts_, Formula)                \
-  TAV_ROW(Name, TavBinaryNode, Name TAV_COMMA Base, Integrality, Texts_)         \
-  static double Apply(double a, double b) { return Formula; }                    \
+/// A two-operand row: Formula of the left value a and the right value b.
+#define TAV_BINARY_NODE(Name, Base, How, Builder, Integrality, Texts_, Formula) \
+  class Name final : public TavBinaryNode<Name, Base> {                         \
+    TAV_NODE_STATICS                                                            \
+   public:                                                                      \
+    TAV_ROW_FACTS(Name, Integrality, Texts_)                                    \
+    static double Apply(double a, double b) { return Formula; }                 \
+    using TavBinaryNode::TavBinaryNode;                                         \
   };
 
-/// One row of an array family.
-#define TAV_ARRAY_NODE(Name, Base, Array, Integrality, Texts_, Message, Formula)           \
-  TAV_ROW(Name, TavArrayNode, Name TAV_COMMA Base TAV_COMMA Array, Integrality, Texts_)    \
-  static constexpr const char* EvalMessage = Message;                                      \
-  static bool Better(double v, double m) { return Formula; }                               \
+/// An array row: Better is a test of the candidate v against the running
+/// value m; Message is thrown when the array is empty at evaluation.
+#define TAV_ARRAY_NODE(Name, Base, How, Builder, Array, Integrality, Texts_, Message, Better_) \
+  class Name final : public TavArrayNode<Name, Base, Array> {                                  \
+    TAV_NODE_STATICS                                                                           \
+   public:                                                                                     \
+    TAV_ROW_FACTS(Name, Integrality, Texts_)                                                   \
+    static constexpr const char* EvalMessage = Message;                                        \
+    static bool Better(double v, double m) { return Better_; }                                 \
+    using TavArrayNode::TavArrayNode;                                                          \
   };
 
-#define TAV_COMMA ,
+/// An element row over arrays of type Array.
+#define TAV_ELEMENT_NODE(Name, Base, How, Builder, Array, Integrality, Texts_) \
+  class Name final : public TavElementNode<Name, Base, Array> {                \
+    TAV_NODE_STATICS                                                           \
+   public:                                                                     \
+    TAV_ROW_FACTS(Name, Integrality, Texts_)                                   \
+    using TavElementNode::TavElementNode;                                      \
+  };
 
 /// Defines the statics of one row, whatever its shape (in the family's source).
 #define TAV_ROW_STATICS(Name, ...) TAV_DEFINE_NODE_STATICS(Name)
 
 /// Display texts: library open, middle, close; short open, middle, close.
-#define TAV_TEXTS(lo, lm, lc, so, sm, sc) \
-  TavNodeTexts { lo, lm, lc, so, sm, sc }
+/// Parenthesised, so that the texts pass through further macros as one argument.
+#define TAV_TEXTS(lo, lm, lc, so, sm, sc) (TavNodeTexts{lo, lm, lc, so, sm, sc})
 
 #endif
