@@ -127,16 +127,6 @@ TEST(Arithmetic, BuilderClassesAndTexts) {
   }
 }
 
-// Equal values, signed zeros and not-a-number compare bit for bit.
-void expectSame(double got, double want) {
-  if (std::isnan(want)) {
-    EXPECT_TRUE(std::isnan(got)) << got;
-    return;
-  }
-  EXPECT_EQ(got, want);
-  EXPECT_EQ(std::signbit(got), std::signbit(want)) << got;
-}
-
 TEST(Arithmetic, Values) {
   // The integer operands i and j take the same values as x and y.
   struct Row {

@@ -111,16 +111,6 @@ struct Model : NamedVars {
   }
 };
 
-// Equal values, signed zeros and not-a-number compare bit for bit.
-void expectSame(double got, double want) {
-  if (std::isnan(want)) {
-    EXPECT_TRUE(std::isnan(got)) << got;
-    return;
-  }
-  EXPECT_EQ(got, want);
-  EXPECT_EQ(std::signbit(got), std::signbit(want)) << got;
-}
-
 template <class T>
 std::string textOf(T value) {
   std::ostringstream os;

@@ -3,10 +3,13 @@
 #ifndef TAV_TEST_SUPPORT_H
 #define TAV_TEST_SUPPORT_H
 
+#include <cmath>
 #include <exception>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "tavexpression.h"
 
@@ -78,5 +81,15 @@ using tavtest::NoteChange;
 using tavtest::RecordingAlg;
 using tavtest::show;
 using tavtest::showNode;
+
+/// Equal values, signed zeros and not-a-number compare bit for bit.
+inline void expectSame(double got, double want) {
+  if (std::isnan(want)) {
+    EXPECT_TRUE(std::isnan(got)) << got;
+    return;
+  }
+  EXPECT_EQ(got, want);
+  EXPECT_EQ(std::signbit(got), std::signbit(want)) << got;
+}
 
 #endif
