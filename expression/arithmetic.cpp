@@ -1,5 +1,6 @@
-// The statics of the product, quotient, minimum, maximum and remainder
-// rows, their generated builders (integer quotients, minimum and maximum),
+// The statics of the product, quotient, minimum, maximum, remainder and
+// power rows, their generated builders (integer quotients, minimum, maximum,
+// powers),
 // and the number-array forms of minimum and maximum.
 #include "arithmetic.h"
 
@@ -9,10 +10,17 @@
 TAV_PRODUCT_FAMILY(TAV_ROW_STATICS, TAV_ROW_STATICS)
 TAV_MINMAX_FAMILY(TAV_ROW_STATICS, TAV_ROW_STATICS, TAV_ROW_STATICS)
 TAV_MODULO_FAMILY(TAV_ROW_STATICS, TAV_ROW_STATICS)
+TAV_POWER_FAMILY(TAV_ROW_STATICS, TAV_ROW_STATICS)
 
 TAV_PRODUCT_FAMILY(TAV_CST_BUILDER, TAV_BINARY_BUILDER)
 TAV_MINMAX_FAMILY(TAV_CST_BUILDER, TAV_BINARY_BUILDER, TAV_ARRAY_BUILDER)
 TAV_MODULO_FAMILY(TAV_CST_BUILDER, TAV_BINARY_BUILDER)
+TAV_POWER_FAMILY(TAV_CST_BUILDER, TAV_BINARY_BUILDER)
+
+// The power's own message says "environments" in lower case.
+TavNumExprArg TavPower(const TavNumExprArg& x, const TavNumExprArg& y) {
+  return tav_detail::binaryNode<TavNumPowerI>(x, y, "TavPower: mixing mismatch environments");
+}
 
 namespace {
 /// The first number of a for which better(it, running) never holds, at once.

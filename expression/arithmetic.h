@@ -3,6 +3,8 @@
 #ifndef TAV_EXPRESSION_ARITHMETIC_H
 #define TAV_EXPRESSION_ARITHMETIC_H
 
+#include <cmath>
+
 #include "operators.h"
 #include "shapes.h"
 
@@ -68,6 +70,25 @@ TAV_PRODUCT_FAMILY(TAV_CST_NODE, TAV_BINARY_NODE)
   ARR(TavIntMaxArrayI, TavIntExprI, Generated, TavMax, TavIntExprArray, Always,                            \
       TAV_TEXTS("TavMax( ", "", ") ", "max(", "", ")"), "Array of size 0 in evaluation of TavMax", v > m)
 TAV_MINMAX_FAMILY(TAV_CST_NODE, TAV_BINARY_NODE, TAV_ARRAY_NODE)
+
+// Powers: pow of the standard library with no check (a negative base to a
+// fractional exponent is not-a-number, zero to a negative exponent an
+// infinity). No exponent is special: TavPower(x, 2) is not a square. Integer
+// exactly when the operands are and the constant is integral, whatever the
+// sign of the exponent. The short syntax prints no parentheses.
+#define TAV_POWER_FAMILY(CST, BIN)                                                                   \
+  CST(TavNumPowerCstI, TavNumExprI, Generated, TavPower, double, FromOperands, OperandFirst,         \
+      TAV_TEXTS("( ", "^ ", ") ", "", " ^ ", ""), std::pow(v, c))                                    \
+  CST(TavNumRecPowerCstI, TavNumExprI, Generated, TavPower, double, FromOperands, ConstantFirst,     \
+      TAV_TEXTS("( ", "^ ", ") ", "", " ^ ", ""), std::pow(c, v))                                    \
+  BIN(TavNumPowerI, TavNumExprI, HandWritten, TavPower, FromOperands, TAV_TEXTS("( ", "^ ", ") ", "", " ^ ", ""), \
+      std::pow(a, b))
+TAV_POWER_FAMILY(TAV_CST_NODE, TAV_BINARY_NODE)
+
+/// x to the power y; TavWrongUsage for operands of two environments.
+TavNumExprArg TavPower(const TavNumExprArg& x, const TavNumExprArg& y);
+TavNumExprArg TavPower(const TavNumExprArg& x, double c);
+TavNumExprArg TavPower(double c, const TavNumExprArg& x);
 
 // Integer quotients, never folded; a zero divisor is the caller's concern.
 TavIntExprArg TavDiv(const TavIntExprArg& a, const TavIntExprArg& b);

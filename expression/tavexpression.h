@@ -31,6 +31,7 @@
 #include "operators.h"
 #include "arithmetic.h"
 #include "functions.h"
+#include "unary.h"
 #include "sums.h"
 
 #endif
