@@ -13,10 +13,17 @@ TAV_ELEMENTARY_FAMILY(TAV_UNARY_BUILDER)
 TAV_ROUNDING_FAMILY(TAV_UNARY_BUILDER)
 
 namespace {
-/// TavLog(x) / log(base), the constant taken before the node is made.
+/// TavLog(x) / log(base), the constant taken before the node is made. One
+/// call: if the quotient cannot be made, the logarithm goes again.
 TavNumExprArg logToBase(const TavNumExprArg& x, double base) {
   const double divisor = std::log(base);
-  return TavLog(x) / divisor;
+  TavNumExprArg ln = TavLog(x);
+  try {
+    return ln / divisor;
+  } catch (...) {
+    ln.end();
+    throw;
+  }
 }
 }  // namespace
 

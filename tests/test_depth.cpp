@@ -3,6 +3,8 @@
 // failure deep down and a thread with a small stack; and ending a model
 // whose removals are announced takes time linear in its size.
 #include <gtest/gtest.h>
+
+#include <cmath>
 #include <pthread.h>
 
 #include <algorithm>
@@ -76,6 +78,27 @@ const std::vector<Family>& families() {
          if (k % 3 == 0) return v + X > Y ? v + X : Y;
          if (k % 3 == 1) return 2.5 > v ? v : 2.5;
          return Y > v ? v : Y;
+       }},
+      {"UnaryAndPower", false,
+       [](Model& m, TavNumExprArg e, long k) -> TavNumExprArg {
+         switch (k % 6) {
+           case 0: return TavSin(e);
+           case 1: return TavAbs(e);
+           case 2: return TavPower(e, m.y);
+           case 3: return TavPower(1.5, e);
+           case 4: return TavFloor(e);
+           default: return TavPower(e, 0.5);
+         }
+       },
+       [](double v, long k) {
+         switch (k % 6) {
+           case 0: return std::sin(v);
+           case 1: return std::fabs(v);
+           case 2: return std::pow(v, Y);
+           case 3: return std::pow(1.5, v);
+           case 4: return std::floor(v);
+           default: return std::pow(v, 0.5);
+         }
        }},
       {"IntegerRemainder", true,
        [](Model& m, TavNumExprArg e, long k) -> TavNumExprArg {
