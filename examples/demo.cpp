@@ -50,6 +50,9 @@ int main() {
   TavNumExpr wear = steel * steel / 1000.0;
   TavIntExpr leftover = trucks % 3;
   TavNumExpr peak = TavMax(parts);
+  // A non-linear shape: a seasonal load, a rounded share and a decay.
+  TavNumExpr load = TavAbs(TavSin(steel / 10.0)) * TavPower(parts[0] + 1, 0.5) + TavExponent(-0.1 * trucks) +
+                    TavFloor(steel / 3.0) + TavLog10(parts[1] + 1);
 
   TavSolution sol(env);
   sol.setValue(steel, 40);
@@ -64,6 +67,7 @@ int main() {
   show("wear", env, wear, sol);
   show("trucks left over", env, leftover, sol);
   show("busiest part", env, peak, sol);
+  show("load", env, load, sol);
 
   // Modifications are reported to every algorithm of the environment.
   Listener listener(env.getImpl());
