@@ -21,7 +21,6 @@ void TavAssignTypeIndex(TavInt& index) {
 
 // ---------------------------------------------------------------- memory objects
 
-void* TavMemoryManagerObjectI::operator new(std::size_t bytes, TavEnvI* env) { return env->alloc(bytes); }
 
 // Called when a constructor throws: the object's bytes go back at once.
 void TavMemoryManagerObjectI::operator delete(void* p, TavEnvI* env) { env->free(p); }
@@ -227,28 +226,20 @@ TavEnvI::TavEnvI() : _memory(this), _terms(sizeof(TavNumLinExprTermI)) { TavPubl
 
 TavEnvI::~TavEnvI() { end(); }
 
-TavInt TavEnvI::registerObject(TavExtractableI* obj) {
-  TavInt id;
-  if (!_freeIds.empty()) {
-    id = _freeIds.back();
-    _freeIds.pop_back();
-    _objects[id] = obj;
-  } else {
-    id = (TavInt)_objects.size();
-    // Destruction must not allocate (it runs in destructors and in the undo
-    // of failed operations): room for every identifier to be freed and every
-    // object to wait for destruction is made here, where failing is allowed.
-    if (_freeIds.capacity() <= (std::size_t)id) _freeIds.reserve(2 * (std::size_t)id + 16);
-    if (_pending.capacity() <= (std::size_t)id) _pending.reserve(2 * (std::size_t)id + 16);
-    _objects.push_back(obj);
-    try {
-      _idTable.push_back(id);
-    } catch (...) {
-      _objects.pop_back();
-      throw;
-    }
+TavInt TavEnvI::registerNew(TavExtractableI* obj) {
+  const TavInt id = (TavInt)_objects.size();
+  // Destruction must not allocate (it runs in destructors and in the undo
+  // of failed operations): room for every identifier to be freed and every
+  // object to wait for destruction is made here, where failing is allowed.
+  if (_freeIds.capacity() <= (std::size_t)id) _freeIds.reserve(2 * (std::size_t)id + 16);
+  if (_pending.capacity() <= (std::size_t)id) _pending.reserve(2 * (std::size_t)id + 16);
+  _objects.push_back(obj);
+  try {
+    _idTable.push_back(id);
+  } catch (...) {
+    _objects.pop_back();
+    throw;
   }
-  _idTable[id] = id;
   ++_liveObjects;
   return id;
 }

@@ -368,7 +368,18 @@ class TavEnvI {
   TavInt getLiveObjectCount() const { return _liveObjects; }
 
   // Identifiers and removal marks.
-  TavInt registerObject(TavExtractableI* obj);
+  /// A dense identifier for obj: a freed one when there is one.
+  TavInt registerObject(TavExtractableI* obj) {
+    if (TAV_LIKELY(!_freeIds.empty())) {
+      const TavInt id = _freeIds.back();
+      _freeIds.pop_back();
+      _objects[(std::size_t)id] = obj;
+      _idTable[(std::size_t)id] = id;
+      ++_liveObjects;
+      return id;
+    }
+    return registerNew(obj);
+  }
   void unregisterObject(TavExtractableI* obj);
   /// One more than the largest identifier in use so far.
   TavInt getIdCapacity() const { return (TavInt)_objects.size(); }
@@ -455,6 +466,7 @@ class TavEnvI {
   std::vector<TavExtractableI*> _objects;
   std::vector<TavInt> _idTable;
   std::vector<TavInt> _freeIds;
+  TavInt registerNew(TavExtractableI* obj);
   std::vector<TavExtractableI*> _pending;
 
   struct MarkArray {
@@ -478,5 +490,7 @@ class TavEnvI {
 /// lines of the owner table, not one scattered variable per term. Null for a
 /// variable whose environment has ended.
 inline TavEnvI* TavVarEnv(const TavNumVarI* var) { return TavMemory::EnvOf(var); }
+
+inline void* TavMemoryManagerObjectI::operator new(std::size_t bytes, TavEnvI* env) { return env->alloc(bytes); }
 
 #endif

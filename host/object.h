@@ -16,7 +16,8 @@ class TavMemoryManagerObjectI {
  public:
   /// The environment whose memory holds this object; null once it has ended.
   TavEnvI* getEnv() const { return TavMemory::EnvOf(this); }
-  static void* operator new(std::size_t bytes, TavEnvI* env);
+  /// Memory of env (defined inline with the environment, in env.h).
+  inline static void* operator new(std::size_t bytes, TavEnvI* env);
   static void operator delete(void* p, TavEnvI* env);
   static void operator delete(void* p, std::size_t bytes);
   static void* operator new(std::size_t) = delete;
