@@ -227,7 +227,7 @@ void reportBytesPerNode() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  reportBytesPerNode();
+  if (!std::getenv("TAV_NO_BYTES")) reportBytesPerNode();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();
