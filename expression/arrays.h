@@ -45,7 +45,12 @@ class TavHandleArray : public TavExtractableArray {
     constexpr TavInt k = (TavInt)sizeof...(E);
     if (n != k) throw TavWrongUsage(messages[k], 0);
     TavHandleArray a(env, 0);
-    (a.addObject(H(es).getImpl()), ...);
+    try {
+      (a.addObject(H(es).getImpl()), ...);
+    } catch (...) {
+      a.end();  // a failed growth leaves no array behind
+      throw;
+    }
     return a.getImpl();
   }
 };
@@ -53,6 +58,9 @@ class TavHandleArray : public TavExtractableArray {
 class TavNumExprArray : public TavHandleArray<TavNumExprArg, TavNumExprI> {
  public:
   using TavHandleArray::TavHandleArray;
+  using TavHandleArray::operator[];
+  /// The element at an integer expression's value (element.h).
+  TavNumExprArg operator[](const TavIntExprArg& index) const;
   /// Adds one reference to every non-null element.
   void lockExprs() const;
   /// Releases one reference of every non-null element.
@@ -66,11 +74,43 @@ class TavNumExprArray : public TavHandleArray<TavNumExprArg, TavNumExprI> {
 class TavIntExprArray : public TavHandleArray<TavIntExprArg, TavIntExprI> {
  public:
   using TavHandleArray::TavHandleArray;
+  using TavHandleArray::operator[];
+  /// The element at an integer expression's value (element.h).
+  TavIntExprArg operator[](const TavIntExprArg& index) const;
   void lockExprs() const;
   void releaseExprs() const;
   void endElements() const;
   void replaceByClone(TavEnvI* env);
   TavIntExprArray getClone(TavEnvI* env) const;
+};
+
+/// An array of linear expressions; element i reads back as a TavExpr. It
+/// is an array of numeric expressions too, over the same storage.
+class TavExprArray : public TavHandleArray<TavExpr, TavNumLinTermI> {
+ public:
+  using TavHandleArray::TavHandleArray;
+  using TavHandleArray::add;
+  /// e (an expression, variable or term) as a linear expression: TavExpr's
+  /// conversion, which holds one reference on the result. The slot is taken
+  /// first, so nothing is converted, and nothing held, when the array
+  /// cannot grow.
+  template <class E, std::enable_if_t<std::is_convertible<const E&, TavExpr>::value &&
+                                          !std::is_base_of<TavExpr, E>::value, int> = 0>
+  void add(const E& e) {
+    addObject(nullptr);
+    const TavInt last = getSize() - 1;
+    try {
+      setObject(last, TavExpr(e).getImpl());
+    } catch (...) {
+      remove(last);
+      throw;
+    }
+  }
+  using TavHandleArray::operator[];
+  /// The element at an integer expression's value (element.h).
+  TavNumExprArg operator[](const TavIntExprArg& index) const;
+  /// The same storage as an array of numeric expressions.
+  operator TavNumExprArray() const { return TavNumExprArray(_impl); }
 };
 
 class TavIntVarArray;
@@ -92,6 +132,10 @@ class TavNumVarArray : public TavHandleArray<TavNumVar, TavNumVarI> {
   /// The listed variables, when n equals their count.
   template <class... E, class = std::enable_if_t<TavIsElementList<TavNumVar, E...>()>>
   TavNumVarArray(TavEnv env, TavInt n, const E&... es) : TavHandleArray(FromList(ListMessages, env, n, es...)) {}
+
+  using TavHandleArray::operator[];
+  /// The element at an integer expression's value (element.h).
+  TavNumExprArg operator[](const TavIntExprArg& index) const;
 
   /// New bounds for every variable, announced by one array record.
   void setBounds(TavNumArray lbs, TavNumArray ubs) const;
@@ -115,6 +159,10 @@ class TavIntVarArray : public TavHandleArray<TavIntVar, TavNumVarI> {
   TavIntVarArray(TavEnv env, TavNumColumnArray cols, TavNumArray lbs, TavNumArray ubs);
   template <class... E, class = std::enable_if_t<TavIsElementList<TavIntVar, E...>()>>
   TavIntVarArray(TavEnv env, TavInt n, const E&... es) : TavHandleArray(FromList(ListMessages, env, n, es...)) {}
+
+  using TavHandleArray::operator[];
+  /// The element at an integer expression's value (element.h).
+  TavIntExprArg operator[](const TavIntExprArg& index) const;
 
   TavIntExprArray toIntExprArray() const;
   TavNumVarArray toNumVarArray() const;

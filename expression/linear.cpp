@@ -6,6 +6,7 @@
 #include <cstring>
 #include <limits>
 
+#include "element.h"
 #include "stack.h"
 #include "variables.h"
 
@@ -475,9 +476,13 @@ double TavNumLinTermI::setCoef(TavNumVar var, double c) {
 }
 
 bool TavNumLinTermI::isLinear() const {
-  // Parameters (index nodes, element and sub-map nodes indexed by constants)
-  // are not among the node kinds built so far: any part makes it non-linear.
-  return _firstPart == nullptr;
+  // An element node is a parameter unless its index is a decision
+  // expression; every other kind of part makes the node non-linear.
+  for (const TavNumLinPartI* p = _firstPart; p; p = p->_next) {
+    const TavIntExprI* index = tav_detail::elementIndexOf(p->_expr);
+    if (index == nullptr || index->isDecisionExpr()) return false;
+  }
+  return true;
 }
 
 // ------------------------------------------------------------------ integer linear node

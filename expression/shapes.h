@@ -264,7 +264,13 @@ class TavElementNode : public TavNode<Self, Base> {
   TavIntExprI* getIndex() const { return _index.get(); }
   Array getArray() const { return _array.get(); }
 
-  double eval(TavAlgorithm alg) const override { return _array.valueAt(TavTrunc(_index.eval(alg)), alg); }
+  double eval(TavAlgorithm alg) const override {
+    const TavInt k = TavTrunc(_index.eval(alg));
+    // Keeping the index in range is the caller's part; one outside the copy
+    // is refused rather than read, so the mistake cannot reach other memory.
+    if (TAV_UNLIKELY(k < 0 || k >= _array.getSize())) throw TavArrayError("TavElement: index out of range");
+    return _array.valueAt(k, alg);
+  }
   bool isInteger() const override {
     return tav_detail::integrality(Self::Integral, [this] { return _array.allInteger(); });
   }

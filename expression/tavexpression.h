@@ -33,5 +33,10 @@
 #include "functions.h"
 #include "unary.h"
 #include "sums.h"
+#include "piecewise.h"
+#include "counting.h"
+#include "constraints.h"
+#include "conditional.h"
+#include "element.h"
 
 #endif

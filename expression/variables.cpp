@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "checks.h"
+#include "constraints.h"
 
 using tav_detail::envOf;
 
@@ -518,6 +519,18 @@ void TavSolutionI::setValue(const TavNumVarI* var, double v) {
   _values[id] = Slot{var, v};
 }
 
+double TavSolutionI::getValue(const TavConstraintI* ct) const {
+  std::size_t id = (std::size_t)ct->getId();
+  if (id < _constraintValues.size() && _constraintValues[id].ct == ct) return _constraintValues[id].value;
+  throw TavAlgorithm::Exception("TavSolution: the constraint has no value");
+}
+
+void TavSolutionI::setValue(const TavConstraintI* ct, double v) {
+  std::size_t id = (std::size_t)ct->getId();
+  if (id >= _constraintValues.size()) _constraintValues.resize(id + 1, ConstraintSlot{nullptr, 0.0});
+  _constraintValues[id] = ConstraintSlot{ct, v};
+}
+
 TavSolution::TavSolution(TavEnv env) : TavAlgorithm(new TavSolutionI(envOf(env))) {
   env.getImpl()->adoptAlgorithm(_impl);
 }
@@ -525,4 +538,8 @@ TavSolution::TavSolution(TavEnv env) : TavAlgorithm(new TavSolutionI(envOf(env))
 void TavSolution::setValue(const TavNumVar& var, double v) const {
   if (var.getImpl() == nullptr) throw TavEmptyHandleException();
   getImpl()->setValue(var.getImpl(), v);
+}
+
+void TavSolution::setValue(const TavConstraint& ct, double v) const {
+  getImpl()->setValue(tav_detail::need(ct.getImpl()), v);
 }

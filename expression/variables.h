@@ -217,13 +217,18 @@ class TavSetNumVarPossibleValues : public TavChangeNode<TavSetNumVarPossibleValu
   TavArrayI* _ints;
 };
 
+class TavConstraint;
+
 /// A ready algorithm that holds values set by the user.
 class TavSolutionI : public TavAlgorithmI {
  public:
   explicit TavSolutionI(TavEnvI* env) : TavAlgorithmI(env) {}
   double getValue(const TavNumVarI* var) const override;
+  /// The value set for the constraint; TavAlgorithm::Exception when none is.
+  double getValue(const TavConstraintI* ct) const override;
   bool addTermValues(const TavNumLinExprTermI* first, double& sum) const override;
   void setValue(const TavNumVarI* var, double v);
+  void setValue(const TavConstraintI* ct, double v);
 
  private:
   struct Slot {
@@ -231,6 +236,11 @@ class TavSolutionI : public TavAlgorithmI {
     double value;
   };
   std::vector<Slot> _values;  // by variable identifier
+  struct ConstraintSlot {
+    const TavConstraintI* ct;
+    double value;
+  };
+  std::vector<ConstraintSlot> _constraintValues;  // by constraint identifier
 };
 
 class TavSolution : public TavAlgorithm {
@@ -239,6 +249,8 @@ class TavSolution : public TavAlgorithm {
   explicit TavSolution(TavEnv env);
   TavSolutionI* getImpl() const { return static_cast<TavSolutionI*>(_impl); }
   void setValue(const TavNumVar& var, double v) const;
+  /// The value the solution gives the constraint (its truth, 1 or 0).
+  void setValue(const TavConstraint& ct, double v) const;
 };
 
 /// The variable's value in alg: what TavAlgorithm::getValue(var) returns.

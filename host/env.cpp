@@ -140,6 +140,10 @@ TavAlgorithmI::~TavAlgorithmI() {
   }
 }
 
+double TavAlgorithmI::getValue(const TavConstraintI*) const {
+  throw TavAlgorithm::Exception("TavAlgorithm: the constraint has no value");
+}
+
 TavEnv TavAlgorithm::getEnv() const { return TavEnv(_impl ? _impl->getEnv() : nullptr); }
 
 void TavAlgorithm::end() {

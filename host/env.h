@@ -23,6 +23,7 @@ class TavExtractableI;
 class TavExtractableArray;
 class TavNumExprI;
 class TavNumVarI;
+class TavConstraintI;
 class TavChange;
 class TavAlgorithmI;
 class TavAlgorithm;
@@ -190,6 +191,10 @@ class TavAlgorithmI {
   TavAlgorithmI(const TavAlgorithmI&) = delete;
   TavAlgorithmI& operator=(const TavAlgorithmI&) = delete;
   virtual double getValue(const TavNumVarI* var) const = 0;
+  /// The algorithm's own value of a constraint (its truth, 1 or 0), so that
+  /// the constraint need not be evaluated again. By default there is none:
+  /// TavAlgorithm::Exception.
+  virtual double getValue(const TavConstraintI* ct) const;
   /// Adds coefficient times value of every cell from first on to sum, in
   /// list order, and returns true; returns false with sum unchanged when it
   /// cannot give every value at once (the caller then asks term by term).

@@ -70,7 +70,7 @@ PROBE_ELEMENT_FAMILY(TAV_ELEMENT_BUILDER)
 #define ALL_ROWS(X)                                                                                        \
   TAV_PRODUCT_FAMILY(X, X) TAV_MINMAX_FAMILY(X, X, X) TAV_MODULO_FAMILY(X, X) TAV_POWER_FAMILY(X, X)      \
       TAV_SQUARE_FAMILY(X) TAV_ELEMENTARY_FAMILY(X) TAV_ROUNDING_FAMILY(X) PROBE_UNARY_FAMILY(X)         \
-      PROBE_ELEMENT_FAMILY(X)
+      PROBE_ELEMENT_FAMILY(X) TAV_ELEMENT_FAMILY(X)
 
 const std::vector<TavTypeInfo>& rowTokens() {
 #define ROW_TOKEN(Name, ...) Name::GetTypeInfo(),
@@ -420,6 +420,8 @@ TEST(FamilyRows, Rounding) { TAV_ROUNDING_FAMILY(SWEEP_UN) }
 TEST(FamilyRows, UnaryProbes) { PROBE_UNARY_FAMILY(SWEEP_UN) }
 
 TEST(FamilyRows, ElementProbes) { PROBE_ELEMENT_FAMILY(SWEEP_ELT) }
+
+TEST(FamilyRows, ElementExpressions) { TAV_ELEMENT_FAMILY(SWEEP_ELT) }
 
 TEST(FamilyRows, EveryRowHasItsOwnTokenAndName) {
   std::set<TavTypeInfo> tokens(rowTokens().begin(), rowTokens().end());
