@@ -46,10 +46,34 @@ enum Kind : std::uint8_t {
 };
 enum Op : std::uint8_t {
   OLeaf, ONeg, OAdd, OSub, OMul, ODiv, OMod, OIDiv, OMin, OMax,  // the runner's operator table
-  OTermTwice, OMinArr, OMaxArr, OSum, OScalProd
+  OTermTwice, OMinArr, OMaxArr, OSum, OScalProd,
+  OCall  ///< a builder of the function table (Node::fn)
 };
 constexpr int BinaryOps = OMax + 1;
 enum ArrayKind : std::uint8_t { ANumExpr, AIntExpr, ANumVar, AIntVar };
+
+// ------------------------------------------------------------ functions
+
+/// The operands a builder takes: one expression, two, or an expression and a number.
+enum Shape : std::uint8_t { FUnary, FBinary, FExprCst, FCstExpr };
+/// isInteger of the node a builder makes; FromOperands: every expression
+/// operand integer and every number operand integral.
+enum Integrality : std::uint8_t { Never, FromOperands, Always };
+/// Thrown by a reference function where the library refuses to evaluate.
+struct Refused {};
+
+/// One builder of the table in functions.h.
+struct Function {
+  const char* name;
+  Shape shape;
+  bool intOperand;      ///< its expression operands are integer ones
+  Kind result;          ///< KNumArg or KIntArg
+  Integrality integer;  ///< of the node it makes
+  /// The value from the operands' values, in call order; may throw Refused.
+  double (*value)(double a, double b);
+};
+extern const Function Functions[];
+extern const int FunctionCount;
 
 struct Node {
   Op op = OLeaf;
@@ -57,6 +81,7 @@ struct Node {
   ArrayKind array = ANumExpr;
   double num = 0;               ///< number leaf
   int index = -1;               ///< variable or slot leaf
+  int fn = -1;                  ///< OCall: the row in Functions
   bool numbersFirst = false;    ///< scalar product: number array first
   bool intNumbers = false;      ///< scalar product: TavIntArray
   std::vector<Node> kids;       ///< operands, or array elements (scalar product: a then b)
@@ -100,18 +125,30 @@ enum Tri : std::uint8_t { No, Yes, Maybe };
 /// in list order, constant and non-linear parts), or an opaque node.
 struct Ref {
   RefKind kind = RNumber;
-  double v = 0;                ///< number, or value of a node
+  double v = 0;                ///< number, or value of an opaque node
   std::vector<Cell> cells;
   double cst = 0;
-  std::vector<double> parts;   ///< values of the non-linear parts, in list order
+  std::vector<Ref> parts;      ///< the non-linear parts, in list order
   Tri norm = No;               ///< the node's normalized flag
   bool counted = false;        ///< held by a counted handle: operators copy it
   bool held = false;           ///< may also be an operand of another node
   bool unknown = false;        ///< layout of cells and parts not predicted; the value is
   bool throws = false;         ///< evaluation throws
   bool var = false;            ///< a variable, not yet a linear node
-  double mag = 0;              ///< bound on every number inside
+  /// The value may differ from the library's in its last bits (summed in
+  /// another order somewhere below); otherwise it must be the same double.
+  bool approx = false;
+  /// Near a point where the value jumps (a rounding step, a pole, the edge of
+  /// a domain) with approx operands: not predictable, the generator avoids it.
+  bool fragile = false;
+  Tri integer = Maybe;         ///< isInteger of an opaque node
+  double mag = 0;              ///< bound on every finite number inside
+  /// A product by a constant, which further constant factors fold into:
+  /// inner holds the operand, factor the constant.
+  std::vector<Ref> inner;
+  double factor = 0;
   bool linear() const { return kind == RNumLin || kind == RIntLin; }
+  bool exact() const { return !approx && !unknown; }
 };
 
 /// The reference state of a program: one entry per handle ever declared
@@ -120,6 +157,8 @@ class Model {
  public:
   explicit Model(const Program& p) : _p(p) {}
   double value(const Ref& r) const;
+  /// isInteger of the node (of a number: whether it is integral).
+  Tri integral(const Ref& r) const;
   Ref eval(const Node& n) const;
   /// Applies a statement; returns the merges of a normalisation.
   int apply(const Stmt& s);
@@ -130,6 +169,7 @@ class Model {
 
  private:
   Ref binary(Op op, bool isInt, const Ref& a, const Ref& b) const;
+  Ref call(const Node& n, const std::vector<Ref>& k) const;
   Ref& own(int slot);
   const Program& _p;
 };
@@ -139,6 +179,9 @@ class Model {
 Kind resultKind(Op op, Kind a, Kind b);
 /// Whether h op= x compiles for a handle of type h and an operand of type x.
 bool assignable(Kind h, char op, Kind x);
+/// The result type of Functions[fn] over operands of types a and b (b is
+/// KNone for one operand), KNone when no overload applies.
+Kind callKind(int fn, Kind a, Kind b);
 
 Program generate(Source& src, const Options& opts);
 /// Runs the program; empty when the library agreed with the reference.

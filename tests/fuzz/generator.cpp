@@ -1,7 +1,8 @@
 // The program generator and printer. Generation runs the reference model
 // alongside, so that it can keep integer divisions away from zero, integer
-// values inside the 64-bit range, and removals away from the dropped-tail
-// layout that the linear node keeps on purpose.
+// values inside the 64-bit range, removals away from the dropped-tail
+// layout that the linear node keeps on purpose, and functions away from the
+// steps of values the reference cannot know to the last bit.
 #include <cmath>
 #include <sstream>
 
@@ -43,6 +44,7 @@ namespace {
 
 const double Numbers[] = {0, 1, -1, 2, -2, 0.5, -0.5, 3, -3, 0.25, 1.5, -4};
 const double Divisors[] = {1, -1, 2, -2, 0.5, -0.5, 4, 0.25};
+const double Powers[] = {0, 1, -1, 2, -2, 3, 0.5, -0.5, 1.5, 10};  // exponents and bases
 const double IntLimit = 1099511627776.0;  // 2^40: integer values and constants stay far from overflow
 
 bool isNumber(Kind k) { return k <= KInt; }
@@ -112,10 +114,12 @@ struct Gen {
       if (intResult && k.kind == KDouble) return false;  // would be narrowed, not computed
       if (!o.intConversion && intLinSlot(k) &&
           !(n.op == OMod || n.op == OIDiv || n.op == OMin || n.op == OMax || n.op == OMinArr || n.op == OMaxArr ||
-            (n.op == OMul && n.kind == KIntArg && !isNumber(n.kids[0].kind) && !isNumber(n.kids[1].kind))))
+            n.op == OCall || (n.op == OMul && n.kind == KIntArg && !isNumber(n.kids[0].kind) && !isNumber(n.kids[1].kind))))
         return false;
     }
     const Ref r = m.eval(n);
+    if (r.fragile) return false;
+    if (!std::isfinite(r.mag)) return false;  // a tolerance that would let any value through
     if (intResult && !(r.mag < IntLimit)) return false;
     if (n.op == OMod || n.op == OIDiv) {  // truncated operands in range, divisor not zero
       const Ref a = m.eval(n.kids[0]), b = m.eval(n.kids[1]);
@@ -129,9 +133,11 @@ struct Gen {
     if (depth <= 0 || src.percent(25)) return leaf(wantInt);
     for (int tries = 0; tries < 6; ++tries) {
       Node n;
-      n.op = (Op)(ONeg + pick(OScalProd));
+      n.op = src.percent(30) ? OCall : (Op)(ONeg + pick(OScalProd));
       if (n.op == OTermTwice && !o.termReuse) continue;
-      if (n.op >= OMinArr) aggregate(n, depth, wantInt);
+      if (n.op == OCall) {
+        if (!call(n, depth, wantInt)) continue;
+      } else if (n.op >= OMinArr) aggregate(n, depth, wantInt);
       else if (n.op == OTermTwice) {
         Node t;
         t.op = OMul;
@@ -150,6 +156,31 @@ struct Gen {
       if (acceptable(n)) return n;
     }
     return leaf(wantInt);
+  }
+  /// A call of a row of the function table; false when the operands found
+  /// do not select the overload the row stands for.
+  bool call(Node& n, int depth, bool wantInt) {
+    std::vector<int> rows;
+    for (int i = 0; i < FunctionCount; ++i)
+      if (!wantInt || Functions[i].result == KIntArg) rows.push_back(i);
+    n.fn = rows[pick((int)rows.size())];
+    const Function& f = Functions[n.fn];
+    auto operand = [&] {
+      Node e = expr(depth - 1, f.intOperand);
+      return isNumber(e.kind) ? var(f.intOperand) : e;
+    };
+    auto constant = [&] {
+      Node c;
+      c.num = from(Powers);
+      c.kind = std::floor(c.num) == c.num && pick(2) ? (pick(2) ? KInt : KLong) : KDouble;
+      return c;
+    };
+    if (f.shape == FCstExpr) n.kids.push_back(constant());
+    n.kids.push_back(operand());
+    if (f.shape == FBinary) n.kids.push_back(operand());
+    if (f.shape == FExprCst) n.kids.push_back(constant());
+    n.kind = callKind(n.fn, n.kids[0].kind, n.kids.size() > 1 ? n.kids[1].kind : KNone);
+    return n.kind == f.result;
   }
   void aggregate(Node& n, int depth, bool wantInt) {
     n.array = (ArrayKind)(wantInt ? AIntExpr + 2 * pick(2) : pick(4));
@@ -298,7 +329,7 @@ bool singleOperation(const Stmt& s) {
   if (s.kind != SDecl && s.kind != SCompound) return false;
   if (s.rhs.op == OLeaf) return true;
   if (s.kind == SCompound) return false;  // the operand would be a temporary left behind
-  if (s.rhs.op > OMax || isTerm(s.rhs.kind)) return false;
+  if ((s.rhs.op > OMax && s.rhs.op != OCall) || isTerm(s.rhs.kind)) return false;
   for (const Node& k : s.rhs.kids)
     if (k.op != OLeaf) return false;
   return true;
@@ -372,6 +403,8 @@ struct Printer {
     if (n.op <= OMod) return "(" + node(n.kids[0]) + infix[n.op] + node(n.kids[1]) + ")";
     if (n.op <= OMax) return calls[n.op - OIDiv] + node(n.kids[0]) + ", " + node(n.kids[1]) + ")";
     if (n.op == OTermTwice) return "[&] { auto t = " + node(n.kids[0]) + "; return t + t; }()";
+    if (n.op == OCall)
+      return std::string(Functions[n.fn].name) + "(" + node(n.kids[0]) + (n.kids.size() > 1 ? ", " + node(n.kids[1]) : "") + ")";
     if (n.op != OScalProd) return calls[n.op - OIDiv] + list(ArrayNames[n.array], n.kids, 0, n.kids.size()) + ")";
     if (n.array == ANumExpr || n.array == AIntExpr) {
       const std::size_t half = n.kids.size() / 2;

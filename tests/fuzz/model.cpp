@@ -4,31 +4,40 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <functional>
 
 #include "fuzz.h"
 
 namespace tavfuzz {
 namespace {
 
+double finite(double v) { return std::isfinite(v) ? std::fabs(v) : 0; }
+bool integralNumber(double x) { return std::isfinite(x) && std::floor(x) == x; }
+Tri tri(bool b) { return b ? Yes : No; }
+Tri both(Tri a, Tri b) { return a == No || b == No ? No : a == Maybe || b == Maybe ? Maybe : Yes; }
+
 Ref number(double v) {
   Ref r;
   r.v = v;
-  r.mag = std::fabs(v);
+  r.mag = finite(v);
   return r;
 }
 
+/// A node over a and b; its integrality is the caller's to set.
 Ref opaque(double v, bool isInt, const Ref& a, const Ref& b) {
   Ref r;
   r.kind = isInt ? RIntNode : RNumNode;
   r.throws = a.throws || b.throws;
   r.v = r.throws ? 0 : v;
-  r.mag = std::max({std::fabs(r.v), a.mag, b.mag});
+  r.mag = std::max({finite(r.v), a.mag, b.mag});
+  r.approx = !a.exact() || !b.exact();
+  r.integer = isInt ? Yes : Maybe;
   return r;
 }
 
 /// The linear node an operator works on: a private copy of a counted one,
 /// a new node around anything else.
-Ref lin(Ref r, bool isInt, double value) {
+Ref lin(Ref r, bool isInt) {
   if (r.linear()) {
     if (r.kind == RIntLin && !isInt) r.counted = true;  // converted into a new numeric node
     r.kind = isInt ? RIntLin : RNumLin;
@@ -41,9 +50,10 @@ Ref lin(Ref r, bool isInt, double value) {
   l.kind = isInt ? RIntLin : RNumLin;
   l.throws = r.throws;
   l.unknown = r.unknown;
+  l.approx = !r.exact();
   l.mag = r.mag;
   if (r.kind == RNumber) l.cst = r.v;
-  else l.parts.push_back(value);
+  else l.parts.push_back(r);
   return l;
 }
 
@@ -54,6 +64,7 @@ Ref merge(Ref l, const Ref& r) {
   l.parts.insert(l.parts.end(), r.parts.begin(), r.parts.end());
   l.throws = l.throws || r.throws;
   l.unknown = l.unknown || r.unknown;
+  l.approx = l.approx || r.approx;
   l.mag += r.mag;
   return l;
 }
@@ -66,12 +77,72 @@ Tri isConstant(const Ref& r) {
 
 std::int64_t trunc(double x) { return std::fabs(x) < 9e18 ? (std::int64_t)x : 0; }
 
+bool sameDouble(double a, double b) {
+  return std::isnan(a) ? std::isnan(b) : a == b && std::signbit(a) == std::signbit(b);
+}
+
+/// Moves each approx operand by far more than a reordered sum could and
+/// sets r.fragile when f's value then leaves the tolerance or crosses a
+/// refusal; clears r.approx when no such move changes the value at all (a
+/// rounding away from its steps gives the library's double exactly).
+void probe(Ref& r, const std::vector<const Ref*>& operands, const std::vector<double>& values,
+           const std::function<double(const std::vector<double>&)>& f) {
+  if (r.exact()) return;
+  for (const Ref* o : operands)
+    if (o->throws) return;
+  auto at = [&f](const std::vector<double>& v, bool& refused) {
+    refused = false;
+    try {
+      return f(v);
+    } catch (const Refused&) {
+      refused = true;
+      return 0.0;
+    }
+  };
+  bool refusedHere = false;
+  const double here = at(values, refusedHere);
+  const double tolerance = 1e-10 * std::max({1.0, finite(here), r.mag});
+  bool moved = false;
+  for (std::size_t i = 0; i < operands.size(); ++i) {
+    if (operands[i]->exact()) continue;
+    const double step = 1e-12 * std::max(1.0, operands[i]->mag);
+    for (double s : {-step, step}) {
+      std::vector<double> v = values;
+      v[i] += s;
+      bool refused = false;
+      const double got = at(v, refused);
+      const bool near = refused == refusedHere &&
+                        (refused || (std::isnan(here) ? std::isnan(got)
+                                     : std::isinf(here) ? got == here
+                                                        : std::isfinite(got) && std::fabs(got - here) <= tolerance));
+      if (!near) r.fragile = true;
+      moved = moved || !near || !sameDouble(got, here);
+    }
+  }
+  if (!moved) r.approx = false;
+}
+
 }  // namespace
+
+Tri Model::integral(const Ref& r) const {
+  switch (r.kind) {
+    case RNumber: return tri(integralNumber(r.v));
+    case RIntLin:
+    case RIntNode: return Yes;
+    case RNumNode: return r.integer;
+    case RNumLin: break;
+  }
+  if (r.unknown) return Maybe;  // zero cells may be gone, constant factors folded
+  Tri t = tri(integralNumber(r.cst));
+  for (const Cell& c : r.cells) t = both(t, tri(c.var >= _p.numVars && integralNumber(c.coef)));
+  for (const Ref& part : r.parts) t = both(t, integral(part));
+  return t;
+}
 
 double Model::value(const Ref& r) const {
   if (!r.linear()) return r.v;
   double s = 0;
-  for (double part : r.parts) s += part;
+  for (const Ref& part : r.parts) s += value(part);
   for (const Cell& c : r.cells) s += c.coef * _p.values[c.var];
   return r.cst + s;
 }
@@ -79,18 +150,38 @@ double Model::value(const Ref& r) const {
 namespace {
 struct Ops {
   const Model& m;
+  /// a + b; a node on the left goes after the parts of a linear right operand.
   Ref sum(const Ref& a, const Ref& b, bool isInt) const {
-    return merge(lin(a, isInt, m.value(a)), lin(b, isInt, m.value(b)));
+    if (!a.linear() && a.kind != RNumber && b.linear() && !b.var) return merge(lin(b, isInt), lin(a, isInt));
+    return merge(lin(a, isInt), lin(b, isInt));
   }
+  /// a times d (or divided by d), as the operators build it.
   Ref scale(const Ref& a, double d, bool isInt, bool divide) const {
-    if (!a.linear()) return opaque(divide ? a.v / d : a.v * d, isInt, a, number(d));
-    Ref l = lin(a, isInt, 0);
+    if (!a.linear()) return node(a, d, isInt, divide);
+    Ref l = lin(a, isInt);
     for (Cell& c : l.cells) c.coef = divide ? c.coef / d : c.coef * d;
     if (!a.var) l.cst = divide ? l.cst / d : l.cst * d;  // a variable becomes a term: no constant to scale
     if (isInt) l.cst += 0.0;                              // an integer constant has no negative zero
-    for (double& part : l.parts) part = divide ? part / d : part * d;
+    for (Ref& part : l.parts) part = scale(part, d, isInt, divide);
     l.mag = divide ? l.mag / std::fabs(d) : l.mag * std::fabs(d);
     return l;
+  }
+  /// The node of a non-linear a times d: a product by a constant takes d
+  /// into its own constant; a quotient is a node of its own.
+  Ref node(const Ref& a, double d, bool isInt, bool divide) const {
+    if (divide) {
+      Ref r = opaque(a.v / d, false, a, number(d));
+      r.integer = No;
+      return r;
+    }
+    const Ref x = a.inner.empty() ? a : a.inner[0];
+    double f = a.inner.empty() ? d : a.factor * d;
+    if (isInt) f += 0.0;  // an integer factor has no negative zero
+    Ref r = opaque(m.value(x) * f, isInt, x, number(f));
+    if (!isInt) r.integer = both(m.integral(x), tri(integralNumber(f)));
+    r.inner = {x};
+    r.factor = f;
+    return r;
   }
   Ref product(const Ref& a, const Ref& b, bool isInt) const {
     const double x = m.value(a), y = m.value(b);
@@ -101,6 +192,7 @@ struct Ops {
     Ref r = opaque(x * y, false, a, b);
     r.mag = std::max(r.mag, a.mag * b.mag);
     r.unknown = ca == Maybe || cb == Maybe;
+    r.integer = r.unknown ? Maybe : both(m.integral(a), m.integral(b));
     return r;
   }
 };
@@ -127,7 +219,7 @@ Ref Model::eval(const Node& n) const {
   for (const Node& kid : n.kids) k.push_back(eval(kid));
   if (n.op == OTermTwice) return ops.sum(k[0], k[0], isInt);
   if (n.op == OScalProd) {
-    Ref acc = lin(number(0), isInt, 0);
+    Ref acc = lin(number(0), isInt);
     if (n.array == ANumVar || n.array == AIntVar) {
       for (std::size_t i = 0; i < k.size(); ++i) {
         acc.cells.push_back({n.kids[i].index, n.numbers[i]});
@@ -138,14 +230,15 @@ Ref Model::eval(const Node& n) const {
     const std::size_t half = k.size() / 2;
     for (std::size_t i = 0; i < half; ++i) {
       Ref p = ops.product(k[i], k[half + i], isInt);
-      acc.parts.push_back(value(p));
       acc.throws = acc.throws || p.throws;
-      acc.mag += std::max(p.mag, std::fabs(value(p)));
+      acc.approx = acc.approx || !p.exact();
+      acc.mag += std::max(p.mag, finite(value(p)));
+      acc.parts.push_back(p);
     }
     return acc;
   }
   if (n.op == OSum) {
-    Ref acc = lin(number(0), isInt, 0);
+    Ref acc = lin(number(0), isInt);
     for (const Ref& e : k) acc = ops.sum(acc, e, isInt);
     return acc;
   }
@@ -153,15 +246,20 @@ Ref Model::eval(const Node& n) const {
     Ref r = opaque(0, isInt, number(0), number(0));
     r.throws = k.empty();
     double best = k.empty() ? 0 : value(k[0]);
+    Tri every = Yes;  // an empty array gives true
     for (const Ref& e : k) {
       const double v = value(e);
       if (n.op == OMinArr ? best > v : v > best) best = v;
       r.throws = r.throws || e.throws;
+      r.approx = r.approx || !e.exact();
       r.mag = std::max(r.mag, e.mag);
+      every = both(every, integral(e));
     }
+    if (!isInt) r.integer = every;
     r.v = r.throws ? 0 : best;
     return r;
   }
+  if (n.op == OCall) return call(n, k);
   return binary(n.op, isInt, k[0], k.size() > 1 ? k[1] : number(0));
 }
 
@@ -169,6 +267,14 @@ Ref Model::binary(Op op, bool isInt, const Ref& a, const Ref& b) const {
   const Ops ops{*this};
   const double x = value(a), y = value(b);
   const bool an = a.kind == RNumber, bn = b.kind == RNumber;
+  // A node over a and b whose value is f of theirs.
+  auto node = [&](Tri integer, double (*f)(double, double)) {
+    Ref r = opaque(a.throws || b.throws ? 0 : f(x, y), isInt, a, b);
+    if (!isInt) r.integer = integer;
+    probe(r, {&a, &b}, {x, y}, [f](const std::vector<double>& v) { return f(v[0], v[1]); });
+    return r;
+  };
+  const Tri fromBoth = both(integral(a), integral(b));
   switch (op) {
     case ONeg: return ops.scale(a, -1, isInt, false);
     case OAdd: return ops.sum(a, b, isInt);
@@ -179,15 +285,38 @@ Ref Model::binary(Op op, bool isInt, const Ref& a, const Ref& b) const {
       return ops.product(a, b, isInt);
     case ODiv:
       if (bn) return ops.scale(a, y, false, true);
-      return opaque(x / y, false, a, b);
+      return node(No, [](double p, double q) { return p / q; });
     case OMod:  // a zero divisor is undefined: the generator keeps it out
-      return opaque(a.throws || b.throws || trunc(y) == 0 ? NAN : (double)(trunc(x) % trunc(y)), true, a, b);
-    case OIDiv: return opaque(a.throws || b.throws || trunc(y) == 0 ? NAN : (double)(trunc(x) / trunc(y)), true, a, b);
+      return node(Yes, [](double p, double q) { return trunc(q) == 0 ? NAN : (double)(trunc(p) % trunc(q)); });
+    case OIDiv: return node(Yes, [](double p, double q) { return trunc(q) == 0 ? NAN : (double)(trunc(p) / trunc(q)); });
     case OMin:  // a constant is always the second operand; ties go to it
-      return an ? opaque(x > y ? y : x, isInt, a, b) : opaque(y > x ? x : y, isInt, a, b);
-    case OMax: return an ? opaque(y > x ? y : x, isInt, a, b) : opaque(x > y ? x : y, isInt, a, b);
+      return an ? node(fromBoth, [](double p, double q) { return p > q ? q : p; })
+                : node(fromBoth, [](double p, double q) { return q > p ? p : q; });
+    case OMax:
+      return an ? node(fromBoth, [](double p, double q) { return q > p ? q : p; })
+                : node(fromBoth, [](double p, double q) { return p > q ? p : q; });
     default: return number(0);
   }
+}
+
+Ref Model::call(const Node& n, const std::vector<Ref>& k) const {
+  const Function& f = Functions[n.fn];
+  const Ref& a = k[0];
+  const Ref b = k.size() > 1 ? k[1] : number(0);
+  const double x = value(a), y = value(b);
+  Ref r = opaque(0, n.kind == KIntArg, a, b);
+  if (!r.throws) {
+    try {
+      r.v = f.value(x, y);
+    } catch (const Refused&) {
+      r.throws = true;
+    }
+  }
+  r.mag = std::max(r.mag, finite(r.v));
+  r.integer = f.integer == Always ? Yes : f.integer == Never ? No : both(integral(a), integral(b));
+  probe(r, {&a, &b}, {x, y}, [&f](const std::vector<double>& v) { return f.value(v[0], v[1]); });
+  if (r.exact() && !r.throws) r.mag = finite(r.v);  // the library's own double: no error to allow for
+  return r;
 }
 
 int Model::normalize(Ref& r) {
@@ -244,7 +373,7 @@ int Model::apply(const Stmt& s) {
     case SDecl: {
       const bool shares = rhs.op == OLeaf && rhs.kind >= KNumExpr && s.handle != KExpr;
       std::shared_ptr<Ref> r = shares ? slots[rhs.index] : std::make_shared<Ref>(eval(rhs));
-      if (s.handle == KExpr || rhs.kind <= KInt) *r = lin(*r, s.handle == KIntExpr, value(*r));
+      if (s.handle == KExpr || rhs.kind <= KInt) *r = lin(*r, s.handle == KIntExpr);
       r->counted = true;
       slots.push_back(r);
       kinds.push_back(s.handle);
@@ -269,10 +398,12 @@ int Model::apply(const Stmt& s) {
     case SEmptyAlg:
     case SDeep: return 0;
     default: {
+      // The constant of a node with non-linear parts is refused, and nothing changes.
+      if (s.kind == SSetConst && !slots[s.slot]->parts.empty()) return 0;
       Ref& e = own(s.slot);
       if (s.kind == SClear) {
         const bool held = e.held;
-        e = lin(number(0), false, 0);
+        e = lin(number(0), false);
         e.held = held;
       }
       if (s.kind == SSetConst) e.cst = s.coefs[0], e.mag += std::fabs(s.coefs[0]);
@@ -327,7 +458,7 @@ int Model::apply(const Stmt& s) {
     cur = ops.scale(cur, x.v, false, op == ODiv);
   } else {
     const Ref y = op == OSub ? ops.scale(x, -1, false, false) : x;
-    cur = merge(cur, lin(y, false, value(y)));
+    cur = merge(cur, lin(y, false));
   }
   cur.held = e.held;
   e = cur;

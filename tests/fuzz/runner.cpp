@@ -12,6 +12,7 @@
 #include <variant>
 
 #include "tavexpression.h"
+#include "functions.h"
 #include "fuzz.h"
 
 namespace tavfuzz {
@@ -50,6 +51,14 @@ TAV_FUZZ_OP(AddTo, a += b)
 TAV_FUZZ_OP(SubFrom, a -= b)
 TAV_FUZZ_OP(MulBy, a *= b)
 TAV_FUZZ_OP(DivBy, a /= b)
+// One per row of the function table, named after builder, shape and operand.
+#define TAV_FUZZ_ARGS_FUnary(F) ((void)b, F(a))
+#define TAV_FUZZ_ARGS_FBinary(F) F(a, b)
+#define TAV_FUZZ_ARGS_FExprCst(F) F(a, b)
+#define TAV_FUZZ_ARGS_FCstExpr(F) F(a, b)
+#define TAV_FUZZ_CALL(Name, Shape, Operand, ...) TAV_FUZZ_OP(Name##_##Shape##_##Operand, TAV_FUZZ_ARGS_##Shape(Name))
+TAV_FUZZ_FUNCTIONS(TAV_FUZZ_CALL)
+#undef TAV_FUZZ_CALL
 #undef TAV_FUZZ_OP
 
 /// The result type of F over A and B when it is an expression or a term.
@@ -123,6 +132,27 @@ const Row Rows[BinaryOps] = {{nullptr, nullptr},           {kindRow<Neg>, callRo
                              {kindRow<Sub>, callRow<Sub>},   {kindRow<Mul>, callRow<Mul>}, {kindRow<Div>, callRow<Div>},
                              {kindRow<Mod>, callRow<Mod>},   {kindRow<IDiv>, callRow<IDiv>}, {kindRow<Min>, callRow<Min>},
                              {kindRow<Max>, callRow<Max>}};
+// The function table's rows, checked at compile time to return the handle
+// their row says for operands of the type their row says.
+using NumHandle = TavNumExprArg;
+using IntHandle = TavIntExprArg;
+template <class F, Shape S, class Arg>
+constexpr Kind declaredResult() {
+  if constexpr (S == FUnary || S == FExprCst) return Result<F, Arg, double>::k;
+  else if constexpr (S == FBinary) return Result<F, Arg, Arg>::k;
+  else return Result<F, double, Arg>::k;
+}
+#define TAV_FUZZ_CHECK(Name, Shape, Operand, ResultKind, ...)                                             \
+  static_assert(declaredResult<Name##_##Shape##_##Operand, Shape, Operand##Handle>() == ResultKind, \
+                #Name " does not return what its row says");
+TAV_FUZZ_FUNCTIONS(TAV_FUZZ_CHECK)
+#undef TAV_FUZZ_CHECK
+
+#define TAV_FUZZ_ROW(Name, Shape, Operand, ...) \
+  {kindRow<Name##_##Shape##_##Operand>, callRow<Name##_##Shape##_##Operand>},
+const Row Calls[] = {TAV_FUZZ_FUNCTIONS(TAV_FUZZ_ROW)};
+#undef TAV_FUZZ_ROW
+
 bool (*const Assigns[])(Val&, Val&, bool) = {assignRow<AddTo>, assignRow<SubFrom>, assignRow<MulBy>, assignRow<DivBy>};
 int assignIndex(char op) { return op == '+' ? 0 : op == '-' ? 1 : op == '*' ? 2 : 3; }
 
@@ -132,6 +162,11 @@ bool close(double got, double want, double mag) {
   double scale = std::max({1.0, std::fabs(got), std::fabs(want)});
   if (!(mag <= scale)) scale = std::isnan(mag) ? INFINITY : mag;  // sums may reorder around large parts
   return std::fabs(got - want) <= 1e-9 * scale;
+}
+
+/// The same double: not-a-number matches itself, zeros keep their sign.
+bool same(double got, double want) {
+  return std::isnan(want) ? std::isnan(got) : got == want && std::signbit(got) == std::signbit(want);
 }
 
 std::string str(double v) {
@@ -185,10 +220,10 @@ struct Runner {
       Val t = exec(n.kids[0]);
       return callRow<Add>(t, t);
     }
-    if (n.op >= OMinArr) return aggregate(n);
+    if (n.op >= OMinArr && n.op != OCall) return aggregate(n);
     Val a = exec(n.kids[0]);
     Val b = n.kids.size() > 1 ? exec(n.kids[1]) : Val(0.0);
-    return Rows[n.op].call(a, b);
+    return n.op == OCall ? Calls[n.fn].call(a, b) : Rows[n.op].call(a, b);
   }
   template <class Arr>
   Arr fill(const std::vector<Node>& kids, std::size_t from, std::size_t to) {
@@ -356,7 +391,11 @@ struct Runner {
     bool threw = false, nothingMerged = false;
     if (s.failAfter) {
       std::vector<TavNumExprI*> before;
-      for (std::size_t i = 0; i < slots.size(); ++i) before.push_back(live(i) ? arg(i).getImpl() : nullptr);
+      std::vector<TavInt> counts;
+      for (std::size_t i = 0; i < slots.size(); ++i) {
+        before.push_back(live(i) ? arg(i).getImpl() : nullptr);
+        counts.push_back(live(i) ? arg(i).getImpl()->getRefCount() : 0);
+      }
       ei()->getMemory().failAfter(s.failAfter);
       bool failed = false;
       try {
@@ -371,14 +410,20 @@ struct Runner {
           return "failed allocation changed the live counts: objects " + std::to_string(objects) + " -> " +
                  std::to_string(ei()->getLiveObjectCount()) + ", terms " + std::to_string(terms) + " -> " +
                  std::to_string(ei()->getLiveTermCount());
-        for (std::size_t i = 0; i < before.size(); ++i)
+        for (std::size_t i = 0; i < before.size(); ++i) {
           if (live(i) && arg(i).getImpl() != before[i]) return "failed allocation moved handle h" + std::to_string(i);
+          if (live(i) && arg(i).getImpl()->getRefCount() != counts[i])
+            return "failed allocation left h" + std::to_string(i) + " with reference count " +
+                   std::to_string(arg(i).getImpl()->getRefCount()) + " instead of " + std::to_string(counts[i]);
+        }
         std::string err = check();
         if (!err.empty()) return "after a failed allocation: " + err;
-        act(s, threw, nothingMerged);
+        err = actCounted(s, threw, nothingMerged);
+        if (!err.empty()) return err;
       }
     } else {
-      act(s, threw, nothingMerged);
+      const std::string err = actCounted(s, threw, nothingMerged);
+      if (!err.empty()) return err;
     }
     if (s.kind == SDeep && ei()->getLiveObjectCount() != objects) return "deep chain left objects behind";
     if (s.kind == SSetConst) {
@@ -388,6 +433,34 @@ struct Runner {
     }
     const int merges = m.apply(s);
     if (s.kind == SNormalize) return terms_(s.slot, merges, nothingMerged);
+    return "";
+  }
+
+  static bool isSlot(const Node& n) { return n.op == OLeaf && n.kind >= KNumExpr; }
+  /// act, and for a builder's new node over leaves, that it holds one
+  /// reference on the node of each operand handle and that its own handle is
+  /// its one holder.
+  std::string actCounted(const Stmt& s, bool& threw, bool& nothingMerged) {
+    bool call = s.kind == SDecl && s.rhs.op == OCall;
+    for (const Node& k : s.rhs.kids) call = call && k.op == OLeaf;
+    std::vector<TavInt> counts;
+    if (call)
+      for (const Node& k : s.rhs.kids) counts.push_back(isSlot(k) ? arg(k.index).getImpl()->getRefCount() : 0);
+    act(s, threw, nothingMerged);
+    if (!call) return "";
+    const std::string name = Functions[s.rhs.fn].name;
+    for (std::size_t i = 0; i < counts.size(); ++i) {
+      const Node& k = s.rhs.kids[i];
+      if (!isSlot(k)) continue;
+      TavInt uses = 0;  // two handles may share one node
+      for (const Node& other : s.rhs.kids) uses += isSlot(other) && arg(other.index).getImpl() == arg(k.index).getImpl();
+      const TavInt now = arg(k.index).getImpl()->getRefCount();
+      if (now != counts[i] + uses)
+        return name + " took " + std::to_string(now - counts[i]) + " references on h" + std::to_string(k.index) +
+               ", not " + std::to_string(uses);
+    }
+    const TavInt own = arg(slots.size() - 1).getImpl()->getRefCount();
+    if (own != 1) return "the node of " + name + " has reference count " + std::to_string(own) + " with one handle on it";
     return "";
   }
 
@@ -432,10 +505,15 @@ struct Runner {
       }
       if (threw != r.throws) return h + (threw ? " threw on evaluation" : " evaluated without the expected throw");
       const double want = m.value(r);
+      if (!threw && r.exact() && !same(got, want)) return h + " is " + str(got) + ", expected exactly " + str(want);
       if (!threw && !close(got, want, r.mag)) return h + " is " + str(got) + ", expected " + str(want);
-      const bool integral = !std::isfinite(got) || std::floor(got) == got;
-      if (m.kinds[i] == KIntExpr && !e.getImpl()->isInteger()) return h + " is an integer handle on a non-integer node";
-      if (!threw && e.getImpl()->isInteger() && !integral) return h + " claims integrality but is " + str(got);
+      // Integrality is a property of the node, not of its value: a power with
+      // a negative exponent claims it over a fraction.
+      const bool isInteger = e.getImpl()->isInteger();
+      if (m.kinds[i] == KIntExpr && !isInteger) return h + " is an integer handle on a non-integer node";
+      const Tri predicted = m.integral(r);
+      if (predicted != Maybe && isInteger != (predicted == Yes))
+        return h + ".isInteger() is " + (isInteger ? "true" : "false") + " on a " + e.getImpl()->getRttiTypeName();
       TavInt holders = 0;
       for (std::size_t j = 0; j < slots.size(); ++j) holders += live(j) && arg(j).getImpl() == e.getImpl();
       if (e.getImpl()->getRefCount() < holders)
@@ -491,6 +569,11 @@ struct Runner {
 Kind resultKind(Op op, Kind a, Kind b) {
   if (op < ONeg || op > OMax || a >= KNone) return KNone;
   return Rows[op].kind(a, b == KNone ? KDouble : b);
+}
+
+Kind callKind(int fn, Kind a, Kind b) {
+  if (fn < 0 || fn >= FunctionCount || a >= KNone) return KNone;
+  return Calls[fn].kind(a, b == KNone ? KDouble : b);
 }
 
 bool assignable(Kind h, char op, Kind x) {
