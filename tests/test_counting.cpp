@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tavexpression.h"
+#include "sweep.h"
 #include "test_support.h"
 
 namespace {
@@ -295,45 +296,7 @@ TEST(Count, AllocationFailureLeavesTheModelAsItWas) {
   };
   for (const auto& [what, op] : ops) {
     SCOPED_TRACE(what);
-    const TavInt objects = env->getLiveObjectCount();
-    const std::size_t bytes = env->getMemory().getLiveBytes();
-    TavNumExprArg built;
-    int failures = 0;
-    for (TavInt k = 1; built.getImpl() == nullptr; ++k) {
-      env->getMemory().failAfter(k);
-      try {
-        built = op();
-      } catch (const std::bad_alloc&) {
-        ++failures;
-        ASSERT_EQ(env->getLiveObjectCount(), objects) << k;
-        ASSERT_EQ(env->getMemory().getLiveBytes(), bytes) << k;
-        ASSERT_EQ(sum.getImpl()->getRefCount(), 1) << k;
-      }
-      env->getMemory().failAfter(0);
-    }
-    EXPECT_GT(failures, 0);
-
-    TavEnv other;
-    TavEnvI* target = other.getImpl();
-    const TavInt targetObjects = target->getLiveObjectCount();
-    const std::size_t targetBytes = target->getMemory().getLiveBytes();
-    TavExtractableI* clone = nullptr;
-    for (TavInt k = 1; clone == nullptr; ++k) {
-      target->getMemory().failAfter(k);
-      try {
-        clone = env->cloneInto(built.getImpl(), target);
-      } catch (const std::bad_alloc&) {
-        ASSERT_EQ(target->getLiveObjectCount(), targetObjects) << k;
-        ASSERT_EQ(target->getMemory().getLiveBytes(), targetBytes) << k;
-      }
-      target->getMemory().failAfter(0);
-    }
-    EXPECT_EQ(showNode(clone), showNode(built.getImpl()));
-    env->clearCloneMap();
-    other.end();
-    TavNumExpr(built).end();
-    EXPECT_EQ(env->getLiveObjectCount(), objects);
-    EXPECT_EQ(env->getMemory().getLiveBytes(), bytes);
+    tavtest::sweepBuildAndClone(env, op, [&](TavInt k) { ASSERT_EQ(sum.getImpl()->getRefCount(), 1) << k; });
   }
   m.env.end();
 }

@@ -1,0 +1,63 @@
+// One allocation-failure sweep for a builder and for the clone of what it
+// builds: the k-th allocation fails for k = 1, 2, ... until the call
+// succeeds, and every failure must leave the environment's live objects and
+// bytes (and what the caller checks) as they were.
+#ifndef TAV_TEST_SWEEP_H
+#define TAV_TEST_SWEEP_H
+
+#include <functional>
+#include <new>
+
+#include <gtest/gtest.h>
+
+#include "tavexpression.h"
+#include "test_support.h"
+
+namespace tavtest {
+
+inline void sweepBuildAndClone(TavEnvI* env, const std::function<TavNumExprArg()>& build,
+                               const std::function<void(TavInt k)>& unchanged) {
+  const TavInt objects = env->getLiveObjectCount();
+  const std::size_t bytes = env->getMemory().getLiveBytes();
+  TavNumExprArg built;
+  int failures = 0;
+  for (TavInt k = 1; built.getImpl() == nullptr; ++k) {
+    env->getMemory().failAfter(k);
+    try {
+      built = build();
+    } catch (const std::bad_alloc&) {
+      ++failures;
+      ASSERT_EQ(env->getLiveObjectCount(), objects) << k;
+      ASSERT_EQ(env->getMemory().getLiveBytes(), bytes) << k;
+      unchanged(k);
+    }
+    env->getMemory().failAfter(0);
+  }
+  EXPECT_GT(failures, 0);
+
+  TavEnv other;
+  TavEnvI* target = other.getImpl();
+  const TavInt targetObjects = target->getLiveObjectCount();
+  const std::size_t targetBytes = target->getMemory().getLiveBytes();
+  TavExtractableI* clone = nullptr;
+  for (TavInt k = 1; clone == nullptr; ++k) {
+    target->getMemory().failAfter(k);
+    try {
+      clone = env->cloneInto(built.getImpl(), target);
+    } catch (const std::bad_alloc&) {
+      ASSERT_EQ(target->getLiveObjectCount(), targetObjects) << k;
+      ASSERT_EQ(target->getMemory().getLiveBytes(), targetBytes) << k;
+    }
+    target->getMemory().failAfter(0);
+  }
+  EXPECT_EQ(showNode(clone), showNode(built.getImpl()));
+  env->clearCloneMap();
+  other.end();
+  TavNumExpr(built).end();
+  EXPECT_EQ(env->getLiveObjectCount(), objects);
+  EXPECT_EQ(env->getMemory().getLiveBytes(), bytes);
+}
+
+}  // namespace tavtest
+
+#endif
