@@ -74,16 +74,8 @@ TEST(ScalProd, VariableFormsKeepEveryCellInOrder) {
     const bool integral = std::string(c.first) == "int, intvar" || std::string(c.first) == "intvar, int";
     EXPECT_STREQ(e.getImpl()->getRttiTypeName(), integral ? "TavIntLinTermI" : "TavNumLinTermI");
     EXPECT_EQ(termsOf(e), want);
-    EXPECT_TRUE(partClassesOf(e).empty());
-    EXPECT_EQ(e.getNumConstant(), 0.0);
     EXPECT_EQ(e.getImpl()->getRefCount(), 0) << "a temporary";
     EXPECT_EQ(e.getImpl()->eval(sol), 12.0);
-  }
-  // Empty arrays give a linear expression with nothing in it.
-  for (TavNumExprArg e : {TavScalProd(TavNumArray(env), TavNumVarArray(env)),
-                          (TavNumExprArg)TavScalProd(TavIntArray(env), TavIntVarArray(env))}) {
-    EXPECT_TRUE(e.isConstant());
-    EXPECT_EQ(e.getNumConstant(), 0.0);
   }
   env.end();
 }
@@ -194,43 +186,27 @@ TEST(ScalProd, MixedEnvironmentsAreRejectedBeforeAllocation) {
   other.end();
 }
 
-TEST(Sum, EveryFormAddsTheElementsInOrder) {
+// Values, empty arrays included, are the fuzzer's; here the class each form
+// makes and the references it gives back.
+TEST(Sum, EveryFormMakesALinearNodeAndGivesItsReferencesBack) {
   TavEnv env;
   TavNumVar x(env, 0, 9), y(env, 0, 9);
   TavIntVar p(env, 0, 9), q(env, 0, 9);
   TavNumExpr m = TavMin(x, y);
-  TavExpr three(env, 3.0);
   TavNumExprArray ne(env);
-  ne.add(x), ne.add(m), ne.add(three);
+  ne.add(x), ne.add(m), ne.add(TavExpr(env, 3.0));
   TavIntExprArray ie(env);
   ie.add(p), ie.add(TavMax(p, q)), ie.add(q);
-  TavSolution sol(env);
-  sol.setValue(x, 2), sol.setValue(y, 3), sol.setValue(p, 4), sol.setValue(q, 6);
-  struct Case {
-    const char* what;
-    std::function<TavNumExprArg()> make;
-    const char* cls;
-    double value;
+  const std::vector<std::pair<TavNumExprArg, const char*>> cases = {
+      {TavSum(ne), "TavNumLinTermI"},
+      {TavSum(TavNumVarArray(env, 3, x, x, y)), "TavNumLinTermI"},
+      {TavSum(ie), "TavIntLinTermI"},
+      {TavSum(TavIntVarArray(env, 3, p, q, q)), "TavIntLinTermI"},
   };
-  const std::vector<Case> cases = {
-      {"num exprs", [&] { return TavSum(ne); }, "TavNumLinTermI", 2 + 2 + 3},
-      {"num vars", [&] { return TavSum(TavNumVarArray(env, 3, x, x, y)); }, "TavNumLinTermI", 2 + 2 + 3},
-      {"int exprs", [&] { return TavSum(ie); }, "TavIntLinTermI", 4 + 6 + 6},
-      {"int vars", [&] { return TavSum(TavIntVarArray(env, 3, p, q, q)); }, "TavIntLinTermI", 4 + 6 + 6},
-      {"empty num exprs", [&] { return TavSum(TavNumExprArray(env)); }, "TavNumLinTermI", 0},
-      {"empty num vars", [&] { return TavSum(TavNumVarArray(env)); }, "TavNumLinTermI", 0},
-      {"empty int exprs", [&] { return TavSum(TavIntExprArray(env)); }, "TavIntLinTermI", 0},
-      {"empty int vars", [&] { return TavSum(TavIntVarArray(env)); }, "TavIntLinTermI", 0},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    TavNumExprArg e = c.make();
-    EXPECT_STREQ(e.getImpl()->getRttiTypeName(), c.cls);
+  for (const auto& c : cases) {
+    TavNumExprArg e = c.first;
+    EXPECT_STREQ(e.getImpl()->getRttiTypeName(), c.second);
     EXPECT_EQ(e.getImpl()->getRefCount(), 0) << "the local handle's reference is given back";
-    EXPECT_EQ(e.getImpl()->eval(sol), c.value);
-    if (c.value == 0) {
-      EXPECT_TRUE(e.isConstant());
-    }
     e.end();
   }
   EXPECT_EQ(m.getImpl()->getRefCount(), 1) << "ending the sums gave every element's reference back";
@@ -243,26 +219,23 @@ namespace {
 struct ArrayBuilder {
   const char* what;
   std::function<TavNumExprArg()> make;
-  const char* cls;
   bool max;
 };
 
 /// The eight node builders over arrays, minimum and maximum of each kind.
 std::vector<ArrayBuilder> arrayBuilders(TavNumExprArray ne, TavIntExprArray ie, TavNumVarArray nv, TavIntVarArray iv) {
   return {
-      {"min num exprs", [=] { return TavMin(ne); }, "TavNumMinArrayI", false},
-      {"max num exprs", [=] { return TavMax(ne); }, "TavNumMaxArrayI", true},
-      {"min int exprs", [=] { return TavMin(ie); }, "TavIntMinArrayI", false},
-      {"max int exprs", [=] { return TavMax(ie); }, "TavIntMaxArrayI", true},
-      {"min num vars", [=] { return TavMin(nv); }, "TavNumMinArrayI", false},
-      {"max num vars", [=] { return TavMax(nv); }, "TavNumMaxArrayI", true},
-      {"min int vars", [=] { return TavMin(iv); }, "TavIntMinArrayI", false},
-      {"max int vars", [=] { return TavMax(iv); }, "TavIntMaxArrayI", true},
+      {"min num exprs", [=] { return TavMin(ne); }, false}, {"max num exprs", [=] { return TavMax(ne); }, true},
+      {"min int exprs", [=] { return TavMin(ie); }, false}, {"max int exprs", [=] { return TavMax(ie); }, true},
+      {"min num vars", [=] { return TavMin(nv); }, false},  {"max num vars", [=] { return TavMax(nv); }, true},
+      {"min int vars", [=] { return TavMin(iv); }, false},  {"max int vars", [=] { return TavMax(iv); }, true},
   };
 }
 }  // namespace
 
-TEST(MinMaxArrays, NodesOverEveryArrayKind) {
+// Class, value and integrality per builder are the family sweep's; here how
+// often each element is read, and arrays of mixed elements.
+TEST(MinMaxArrays, ReadCountsAndMixedElements) {
   TavEnv env;
   TavNumVar x(env, 0, 9), y(env, 0, 9), z(env, 0, 9);
   TavIntVar p(env, 0, 9), q(env, 0, 9), r(env, 0, 9);
@@ -273,13 +246,9 @@ TEST(MinMaxArrays, NodesOverEveryArrayKind) {
                 {p.getImpl(), 3}, {q.getImpl(), 1}, {r.getImpl(), 2}};
   for (const ArrayBuilder& b : arrayBuilders(nv.toNumExprArray(), iv.toIntExprArray(), nv, iv)) {
     SCOPED_TRACE(b.what);
-    TavNumExprArg e = b.make();
-    EXPECT_STREQ(e.getImpl()->getRttiTypeName(), b.cls);
-    EXPECT_EQ(e.getImpl()->getRefCount(), 0);
     alg.reads = 0;
-    EXPECT_EQ(e.getImpl()->eval(TavAlgorithm(&alg)), b.max ? 3.0 : 1.0);
+    EXPECT_EQ(b.make().getImpl()->eval(TavAlgorithm(&alg)), b.max ? 3.0 : 1.0);
     EXPECT_EQ(alg.reads, 4) << "element 0 is read once more than the others";
-    EXPECT_EQ(e.getImpl()->isInteger(), std::string(b.cls).find("Int") != std::string::npos);
   }
   TavNumExprArray mixed(env);
   mixed.add(p), mixed.add(q);
@@ -345,32 +314,9 @@ TEST(MinMaxArrays, NumberArraysComputeAtOnce) {
   env.end();
 }
 
-TEST(MinMaxArrays, DisplayInBothSyntaxes) {
+// The texts themselves are in the arithmetic tests.
+TEST(MinMaxArrays, DisplayBreaksTheLineAfterEveryTenthElement) {
   TavEnv env;
-  TavNumVar x(env, 0, 10, "x"), y(env, 1, 2, "y");
-  TavIntVar p(env, 0, 3, "p"), q(env, 4, 5, "q");
-  TavNumExprArray ne = TavNumVarArray(env, 2, x, y).toNumExprArray();
-  TavIntExprArray ie = TavIntVarArray(env, 2, p, q).toIntExprArray();
-  const std::string nums = "[" + show(x) + ", " + show(y) + "]", ints = "[" + show(p) + ", " + show(q) + "]";
-  struct Case {
-    TavNumExprArg e;
-    std::string library, plain;
-  };
-  // Only the numeric minimum puts a blank after "min(".
-  const std::vector<Case> cases = {
-      {TavMin(ne), "TavMin( " + nums + ") ", "min( " + nums + ")"},
-      {TavMax(ne), "TavMax( " + nums + ") ", "max(" + nums + ")"},
-      {TavMin(ie), "TavMin( " + ints + ") ", "min(" + ints + ")"},
-      {TavMax(ie), "TavMax( " + ints + ") ", "max(" + ints + ")"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.plain);
-    env.getImpl()->setLibrarySyntaxDisplay(true);
-    EXPECT_EQ(show(c.e), c.library);
-    env.getImpl()->setLibrarySyntaxDisplay(false);
-    EXPECT_EQ(show(c.e), c.plain);
-  }
-  // A line break replaces the blank after every tenth element.
   TavNumVarArray eleven(env, 11, 0, 1);
   std::string want = "max([";
   for (TavInt i = 0; i < 11; ++i) want += (i == 0 ? "" : i == 10 ? ",\n" : ", ") + show(eleven[i]);
@@ -404,34 +350,4 @@ TEST(MinMaxArrays, CallersArrayStaysTheCallers) {
   ASSERT_NE(vn, nullptr);
   EXPECT_NE(vn->getOperands().getImpl(), vars.getImpl());
   env.end();
-}
-
-TEST(MinMaxArrays, CloneIntoAnotherEnvironmentEvaluatesTheSame) {
-  TavEnv env, env2;
-  TavEnvI* e2 = env2.getImpl();
-  TavNumVar x(env, -9, 9, "x"), y(env, -9, 9, "y");
-  TavIntVar p(env, 0, 9, "p"), q(env, 0, 9, "q");
-  TavNumExpr nodes[] = {TavNumExpr(TavMin(TavNumVarArray(env, 2, x, y))),
-                        TavNumExpr(TavMax(TavIntVarArray(env, 2, p, q)))};
-  std::vector<TavNumExprI*> clones;
-  for (TavNumExpr& node : nodes) clones.push_back(static_cast<TavNumExprI*>(env.getImpl()->cloneInto(node.getImpl(), e2)));
-  TavSolution s1(env), s2(env2);
-  const std::vector<std::pair<TavNumVar, double>> values = {{x, 4}, {y, -1}, {p, 2}, {q, 7}};
-  for (const auto& v : values) {
-    s1.setValue(v.first, v.second);
-    s2.setValue(TavNumVar(static_cast<TavNumVarI*>(e2->getClone(v.first.getImpl()))), v.second);
-  }
-  for (int i = 0; i < 2; ++i) {
-    TavNumExprI* node = nodes[i].getImpl();
-    SCOPED_TRACE(node->getRttiTypeName());
-    ASSERT_NE(clones[i], nullptr);
-    EXPECT_EQ(clones[i]->getEnv(), e2);
-    EXPECT_STREQ(clones[i]->getRttiTypeName(), node->getRttiTypeName());
-    EXPECT_EQ(clones[i]->eval(s2), node->eval(s1));
-    EXPECT_EQ(clones[i]->eval(s2), i == 0 ? -1.0 : 7.0);
-    EXPECT_EQ(show(TavNumExprArg(clones[i])), show(nodes[i])) << "names come along with the variables";
-  }
-  for (TavNumExpr& node : nodes) node.end();
-  env.end();
-  env2.end();
 }

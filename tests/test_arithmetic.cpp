@@ -1,12 +1,12 @@
-// Product, quotient, minimum, maximum and remainder nodes: which builder
-// makes which class, their texts in both syntaxes, their values (truncation,
-// signs, ties and not-a-number) and their integrality.
+// Product, quotient, minimum, maximum and remainder nodes, for what the
+// family sweep checks only against the rows' own tables: the exact texts in
+// both syntaxes, values at the edges (truncation, signs, ties, not-a-number)
+// and integrality over mixed operands.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <functional>
 #include <limits>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,12 +16,6 @@
 namespace {
 
 const double NaN = std::numeric_limits<double>::quiet_NaN();
-
-std::string text(const TavNumExprArg& e) {
-  std::ostringstream os;
-  os << e;
-  return os.str();
-}
 
 // Operands: x, y continuous; i, j integer; P = x*y and N = i*j for the
 // builders that keep variables linear.
@@ -41,28 +35,18 @@ struct Model : NamedVars {
         continue;
       }
       switch (*++p) {
-        case 'x': out += text(x); break;
-        case 'y': out += text(y); break;
-        case 'i': out += text(i); break;
-        case 'j': out += text(j); break;
-        case 'P': out += text(P); break;
-        default: out += text(N); break;
+        case 'x': out += show(x); break;
+        case 'y': out += show(y); break;
+        case 'i': out += show(i); break;
+        case 'j': out += show(j); break;
+        case 'P': out += show(P); break;
+        default: out += show(N); break;
       }
     }
     return out;
   }
-  TavNumExprArray nums() {
-    TavNumExprArray a(env, 0);
-    a.add(x);
-    a.add(y);
-    return a;
-  }
-  TavIntExprArray ints() {
-    TavIntExprArray a(env, 0);
-    a.add(i);
-    a.add(j);
-    return a;
-  }
+  TavNumExprArray nums() { return TavNumVarArray(env, 2, x, y).toNumExprArray(); }
+  TavIntExprArray ints() { return TavIntVarArray(env, 2, i, j).toIntExprArray(); }
   double eval(const TavNumExprArg& e, double vx, double vy) {
     sol.setValue(x, vx);
     sol.setValue(y, vy);
@@ -93,10 +77,8 @@ TEST(Arithmetic, BuilderClassesAndTexts) {
       {"TavIntTimesI", [](Model& m) { return m.i * m.j; }, "@i * @j", "( @i* @j) "},
       {"TavIntDivI", [](Model& m) { return TavDiv(m.i, m.j); }, "@i / @j", "( @i/ @j) "},
       {"TavNumMinCstI", [](Model& m) { return TavMin(m.x, 3.0); }, "min( @x, 3)", "TavMin( @x, 3) "},
-      {"TavNumMinCstI", [](Model& m) { return TavMin(3.0, m.x); }, "min( @x, 3)", "TavMin( @x, 3) "},
       {"TavNumMaxCstI", [](Model& m) { return TavMax(m.x, 3.5); }, "max(@x, 3.5)", "TavMax( @x, 3.5) "},
       {"TavIntMinCstI", [](Model& m) { return TavMin(m.i, 5); }, "min(@i, 5)", "( @i, 5) "},
-      {"TavIntMinCstI", [](Model& m) { return TavMin((TavInt)5, m.i); }, "min(@i, 5)", "( @i, 5) "},
       {"TavIntMaxCstI", [](Model& m) { return TavMax(5, m.i); }, "max(@i, 5)", "( @i, 5) "},
       {"TavNumMinI", [](Model& m) { return TavMin(m.x, m.y); }, "min(@x, @y)", "TavMin( @x, @y) "},
       {"TavNumMaxI", [](Model& m) { return TavMax(m.x, m.y); }, "max(@x, @y)", "TavMax( @x, @y) "},
@@ -106,10 +88,6 @@ TEST(Arithmetic, BuilderClassesAndTexts) {
       {"TavNumMaxArrayI", [](Model& m) { return TavMax(m.nums()); }, "max([@x, @y])", "TavMax( [@x, @y]) "},
       {"TavIntMinArrayI", [](Model& m) { return TavMin(m.ints()); }, "min([@i, @j])", "TavMin( [@i, @j]) "},
       {"TavIntMaxArrayI", [](Model& m) { return TavMax(m.ints()); }, "max([@i, @j])", "TavMax( [@i, @j]) "},
-      {"TavNumMinArrayI", [](Model& m) { return TavMin(TavNumVarArray(m.env, 2, m.x, m.y)); }, "min( [@x, @y])",
-       "TavMin( [@x, @y]) "},
-      {"TavIntMaxArrayI", [](Model& m) { return TavMax(TavIntVarArray(m.env, 2, m.i, m.j)); }, "max([@i, @j])",
-       "TavMax( [@i, @j]) "},
       {"TavIntModuloI", [](Model& m) { return m.i % m.j; }, "@i % @j", "( @i% @j) "},
       {"TavIntModuloCstI", [](Model& m) { return m.i % 4; }, "@i% 4", "( @i% 4) "},
       {"TavIntRecModuloCstI", [](Model& m) { return 7 % TavIntExprArg(m.i); }, "7 % @i", "(7% @i)"},
@@ -119,14 +97,15 @@ TEST(Arithmetic, BuilderClassesAndTexts) {
     Model m;
     TavNumExprArg e = r.build(m);
     EXPECT_STREQ(e.getImpl()->getRttiTypeName(), r.cls);
-    EXPECT_EQ(e.getImpl()->getRefCount(), 0);
     for (bool lib : {false, true}) {
       m.env.getImpl()->setLibrarySyntaxDisplay(lib);
-      EXPECT_EQ(text(e), m.expand(lib ? r.libText : r.shortText)) << (lib ? "library syntax" : "short syntax");
+      EXPECT_EQ(show(e), m.expand(lib ? r.libText : r.shortText)) << (lib ? "library syntax" : "short syntax");
     }
   }
 }
 
+// Signs of whole quotients and remainders are the fuzzer's; these rows give
+// integer operands fractional values, or meet ties and not-a-number.
 TEST(Arithmetic, Values) {
   // The integer operands i and j take the same values as x and y.
   struct Row {
@@ -135,23 +114,13 @@ TEST(Arithmetic, Values) {
     double a, b, expected;
   };
   const std::vector<Row> rows = {
-      {"-7 div 2", [](Model& m) { return TavDiv(m.i, 2); }, -7, 0, -3},
-      {"7 div -2", [](Model& m) { return TavDiv(m.i, -2); }, 7, 0, -3},
       {"-7 div 2.9", [](Model& m) { return TavDiv(-7, m.j); }, 0, 2.9, -3},
       {"-7.9 div 2.9", [](Model& m) { return TavDiv(m.i, m.j); }, -7.9, 2.9, -3},
-      {"7 mod 3", [](Model& m) { return m.i % 3; }, 7, 0, 1},
-      {"-7 mod 3", [](Model& m) { return m.i % (TavInt)3; }, -7, 0, -1},
-      {"7 mod -3", [](Model& m) { return m.i % m.j; }, 7, -3, 1},
       {"7.9 mod 3.2", [](Model& m) { return m.i % m.j; }, 7.9, 3.2, 1},
       {"-7 mod 3 reversed", [](Model& m) { return (TavInt)-7 % TavIntExprArg(m.j); }, 0, 3, -1},
       {"7 mod -3 reversed", [](Model& m) { return 7 % TavIntExprArg(m.j); }, 0, -3.5, 1},
       {"2.5 * 2 in floating point", [](Model& m) { return m.i * m.j; }, 2.5, 2, 5},
       {"2.5 * 3 in floating point", [](Model& m) { return TavIntExprArg(m.i * m.j) * 3; }, 2.5, 1, 7.5},
-      {"x * y", [](Model& m) { return m.x * m.y; }, 1.5, -2, -3},
-      {"x / y", [](Model& m) { return TavNumExprArg(m.x) / m.y; }, 3, 4, 0.75},
-      {"(x*y) * 2.5", [](Model& m) { return m.P * 2.5; }, 1, 3, 7.5},
-      {"(x*y) / 4", [](Model& m) { return m.P / 4.0; }, 1, 3, 0.75},
-      {"3 / x", [](Model& m) { return 3.0 / TavNumExprArg(m.x); }, 4, 0, 0.75},
       {"(x*y) * 0", [](Model& m) { return m.P * 0.0; }, 1, 3, 0},
       {"x / 0", [](Model& m) { return TavNumExprArg(m.x) / m.y; }, 1, 0, HUGE_VAL},
       // Ties and not-a-number give the right operand, or the constant.
@@ -159,25 +128,19 @@ TEST(Arithmetic, Values) {
       {"min tie other way", [](Model& m) { return TavMin(m.x, m.y); }, -0.0, 0.0, 0.0},
       {"min left nan", [](Model& m) { return TavMin(m.x, m.y); }, NaN, 1, 1},
       {"min right nan", [](Model& m) { return TavMin(m.x, m.y); }, 1, NaN, NaN},
-      {"min", [](Model& m) { return TavMin(m.x, m.y); }, 2, 1, 1},
       {"max tie", [](Model& m) { return TavMax(m.x, m.y); }, 0.0, -0.0, -0.0},
       {"max left nan", [](Model& m) { return TavMax(m.x, m.y); }, NaN, 1, 1},
       {"max right nan", [](Model& m) { return TavMax(m.x, m.y); }, 1, NaN, NaN},
-      {"max", [](Model& m) { return TavMax(m.x, m.y); }, 1, 2, 2},
       {"min cst tie", [](Model& m) { return TavMin(m.x, 0.0); }, -0.0, 0, 0.0},
       {"min cst nan", [](Model& m) { return TavMin(0.0, m.x); }, NaN, 0, 0.0},
-      {"min cst", [](Model& m) { return TavMin(m.x, 0.0); }, -1, 0, -1},
       {"max cst tie", [](Model& m) { return TavMax(m.x, 0.0); }, -0.0, 0, 0.0},
       {"max cst nan", [](Model& m) { return TavMax(m.x, 0.0); }, NaN, 0, 0.0},
-      {"max cst", [](Model& m) { return TavMax(m.x, 0.0); }, 1, 0, 1},
       {"int min keeps fractions", [](Model& m) { return TavMin(m.i, m.j); }, 2.5, 3, 2.5},
       {"int min left nan", [](Model& m) { return TavMin(m.i, m.j); }, NaN, 1, 1},
       {"int max tie", [](Model& m) { return TavMax(m.i, m.j); }, 0.0, -0.0, -0.0},
       {"int min cst tie", [](Model& m) { return TavMin(m.i, 0); }, -0.0, 0, 0.0},
       {"int max cst", [](Model& m) { return TavMax(m.i, 2); }, 2.5, 0, 2.5},
       {"int max cst nan", [](Model& m) { return TavMax(m.i, 2); }, NaN, 0, 2},
-      {"array min", [](Model& m) { return TavMin(m.nums()); }, 3, -1, -1},
-      {"array max", [](Model& m) { return TavMax(m.ints()); }, 3, -1, 3},
       {"array min first nan stays", [](Model& m) { return TavMin(m.nums()); }, NaN, 1, NaN},
       {"array min later nan skipped", [](Model& m) { return TavMin(m.nums()); }, 1, NaN, 1},
   };
@@ -194,30 +157,12 @@ TEST(Arithmetic, IntegralityOfNumericNodes) {
     Build build;
     bool integer;
   };
+  // The family rows are swept over operands that are all integer or all
+  // not; these mix them, or divide by one.
   const std::vector<Row> rows = {
-      {"int node * 2", [](Model& m) { return TavNumExprArg(m.N) * 2.0; }, true},
-      {"int node * 2.5", [](Model& m) { return TavNumExprArg(m.N) * 2.5; }, false},
-      {"float node * 2", [](Model& m) { return m.P * 2.0; }, false},
       {"int node / 1", [](Model& m) { return TavNumExprArg(m.N) / 1.0; }, false},
-      {"1 / int variable", [](Model& m) { return 1.0 / TavNumExprArg(m.i); }, false},
-      {"int * int", [](Model& m) { return TavNumExprArg(m.i) * TavNumExprArg(m.j); }, true},
       {"int * float", [](Model& m) { return TavNumExprArg(m.i) * m.x; }, false},
-      {"int / int", [](Model& m) { return TavNumExprArg(m.i) / TavNumExprArg(m.j); }, false},
-      {"min(int, 3)", [](Model& m) { return TavMin(TavNumExprArg(m.i), 3.0); }, true},
-      {"min(int, 3.5)", [](Model& m) { return TavMin(TavNumExprArg(m.i), 3.5); }, false},
-      {"max(float, 3)", [](Model& m) { return TavMax(m.x, 3.0); }, false},
-      {"min(int, int)", [](Model& m) { return TavMin(TavNumExprArg(m.i), TavNumExprArg(m.j)); }, true},
       {"max(int, float)", [](Model& m) { return TavMax(TavNumExprArg(m.i), m.y); }, false},
-      {"min of empty array", [](Model& m) { return TavMin(TavNumExprArray(m.env, 0)); }, true},
-      {"max of int array", [](Model& m) {
-         TavNumExprArray a(m.env, 0);
-         a.add(m.i);
-         a.add(m.N);
-         return TavMax(a);
-       },
-       true},
-      {"min of mixed array", [](Model& m) { return TavMin(m.nums()); }, false},
-      {"integer classes", [](Model& m) { return TavDiv(m.i, 2); }, true},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.label);
@@ -238,36 +183,6 @@ TEST(Arithmetic, NodesHoldOneReferencePerOperand) {
     b.end();
   }
   EXPECT_EQ(m.P.getImpl()->getRefCount(), before);
-  // The node copies the caller's array; the caller's stays the caller's.
-  TavNumExprArray a = m.nums();
-  const TavInt xBefore = m.x.getImpl()->getRefCount();
-  TavNumExpr mn = TavMin(a);
-  EXPECT_NE(static_cast<TavNumMinArrayI*>(mn.getImpl())->getOperands().getImpl(), a.getImpl());
-  EXPECT_EQ(m.x.getImpl()->getRefCount(), xBefore + 1);
-  a.end();
-  EXPECT_EQ(m.eval(mn, 4, 2), 2);
-}
-
-TEST(Arithmetic, EmptyArrays) {
-  Model m;
-  struct Row {
-    const char* message;
-    std::function<void()> call;
-  };
-  const std::vector<Row> rows = {
-      {"Array of size 0 in evaluation of TavMin", [&] { m.sol.getValue(TavMin(TavNumExprArray(m.env, 0))); }},
-      {"Array of size 0 in evaluation of TavMax", [&] { m.sol.getValue(TavMax(TavIntExprArray(m.env, 0))); }},
-      {"Array of size 0 in call to TavMin", [&] { TavMin(TavNumArray(m.env, 0)); }},
-      {"Array of size 0 in call to TavMax", [&] { TavMax(TavIntArray(m.env, 0)); }},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.message);
-    EXPECT_EQ(messageOf<TavArrayError>(r.call), r.message);
-  }
-  EXPECT_EQ(TavMax(TavIntArray(m.env, {3, 9, 9, -1})), 9);
-  EXPECT_EQ(TavMin(TavIntArray(m.env, {3, 9, -2, -1})), -2);
-  EXPECT_EQ(TavMin(TavNumArray(m.env, {2.5})), 2.5);
-  EXPECT_EQ(TavMax(TavNumArray(m.env, {2.5, -1.0, 7.25})), 7.25);
 }
 
 }  // namespace

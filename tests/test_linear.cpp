@@ -29,32 +29,14 @@ int partCount(const TavNumLinTermI* n) {
   return k;
 }
 
-// Records the class name of every change record the environment delivers.
-struct Recorder : TavAlgorithmI {
-  explicit Recorder(TavEnvI* env) : TavAlgorithmI(env) {}
-  double getValue(const TavNumVarI*) const override { throw TavAlgorithm::Exception("no value"); }
-  void notifyChange(const TavChange& c) override { names.push_back(c.getRttiTypeName()); }
-  std::vector<std::string> names;
-};
+using tavtest::CountingMutex;
+using Refuser = tavtest::RefusingAlg;
 
 struct ChildLog : TavExtractableVisitor {
   std::vector<const TavExtractableI*> seen;
   void beginVisit(TavExtractableI* p) override { seen.push_back(p); }
   void visitChild(TavExtractableI*, TavExtractableI* c) override { seen.push_back(c); }
   void endVisit(TavExtractableI* p) override { seen.push_back(p); }
-};
-
-struct CountingMutex : TavMutex {
-  int locks = 0, unlocks = 0;
-  void lock() override { ++locks; }
-  void unlock() override { ++unlocks; }
-};
-
-// An algorithm that refuses every change record.
-struct Refuser : TavAlgorithmI {
-  using TavAlgorithmI::TavAlgorithmI;
-  double getValue(const TavNumVarI*) const override { return 0; }
-  void notifyChange(const TavChange&) override { throw TavWrongUsage("refused", 0); }
 };
 
 const std::string kAdd = "TavNumLinTermAddVar", kRemove = "TavNumLinTermRemoveVar";
@@ -73,11 +55,11 @@ class Linear : public ::testing::Test {
   TavIntVar n{env, 0, 10, "n"}, m{env, 0, 10, "m"};
 };
 
+// The values and terms of what each constructor makes are the fuzzer's;
+// here the counts, and which node a handle takes.
 TEST_F(Linear, HandleConstructionCountsReferences) {
   TavNumExpr a(env, 2.5);
   EXPECT_EQ(a.getImpl()->getRefCount(), 1);
-  EXPECT_TRUE(a.isConstant());
-  EXPECT_EQ(a.getNumConstant(), 2.5);
   TavNumExpr b{TavNumExprArg(a.getImpl())};  // from an argument: +1
   EXPECT_EQ(a.getImpl()->getRefCount(), 2);
   TavNumExpr c(a.getImpl());  // from a bare node: untouched
@@ -89,12 +71,10 @@ TEST_F(Linear, HandleConstructionCountsReferences) {
 
   TavNumExpr t(2.0 * x);
   EXPECT_EQ(t.getImpl()->getRefCount(), 1);
-  EXPECT_EQ(termsOf(static_cast<TavNumLinTermI*>(t.getImpl())->getFirstTerm()), "x:2");
   TavNumExprArg tmp = 3.0 * x;
   EXPECT_EQ(tmp.getImpl()->getRefCount(), 0);
   TavIntExpr it(2 * n);
   EXPECT_EQ(it.getImpl()->getRefCount(), 1);
-  EXPECT_STREQ(it.getImpl()->getRttiTypeName(), "TavIntLinTermI");
 
   // TavExpr from an argument: a temporary is taken, a counted node copied,
   // anything else converted to a linear node.
@@ -109,10 +89,6 @@ TEST_F(Linear, HandleConstructionCountsReferences) {
   EXPECT_EQ(partCount(wrapped.getImpl()), 1);
   EXPECT_EQ(wrapped.getImpl()->getFirstPart()->_expr, prod.getImpl());
   EXPECT_EQ(prod.getImpl()->getRefCount(), 1);
-  TavExpr fromInt{TavIntExprArg(n + 2)};
-  EXPECT_EQ(termsOf(fromInt), "n:1");
-  EXPECT_EQ(fromInt.getImpl()->getConstant(), 2.0);
-  EXPECT_EQ(termsOf(TavExpr(TavNumExprArg(x))), "x:1");
 }
 
 TEST_F(Linear, EmptyHandlesThrow) {
@@ -130,38 +106,6 @@ TEST_F(Linear, EmptyHandlesThrow) {
     SCOPED_TRACE(r.first);
     EXPECT_THROW(r.second(), TavEmptyHandleException);
   }
-}
-
-TEST_F(Linear, CompoundAssignmentMovesTheReference) {
-  TavSolution sol(env);
-  sol.setValue(y, 3.0);
-  TavNumExpr h(env, 1.0);
-  TavNumExpr keep{TavNumExprArg(h.getImpl())};
-  h += TavNumExprArg(y);
-  EXPECT_NE(h.getImpl(), keep.getImpl());  // the shared node was copied
-  h *= 2.0;
-  h -= 1.0;
-  h /= 4.0;
-  h -= TavNumExprArg(y);
-  EXPECT_DOUBLE_EQ(sol.getValue(h), -1.25);
-  EXPECT_EQ(h.getImpl()->getRefCount(), 1);
-  EXPECT_EQ(keep.getImpl()->getRefCount(), 1);
-  EXPECT_EQ(show(keep), "1 ");
-
-  TavIntExpr a(env, 4);
-  TavIntExpr b{TavIntExprArg(a.getImpl())};
-  EXPECT_EQ(a.getImpl()->getRefCount(), 2);
-  a += 3;
-  a -= 2;
-  a *= 3;
-  a += n;
-  a -= m;
-  sol.setValue(n, 5.0);
-  sol.setValue(m, 1.0);
-  EXPECT_EQ(sol.getValue(a), 19.0);
-  EXPECT_EQ(sol.getValue(b), 4.0);
-  EXPECT_EQ(a.getImpl()->getRefCount(), 1);
-  EXPECT_EQ(b.getImpl()->getRefCount(), 1);
 }
 
 TEST_F(Linear, MismatchedEnvironmentsLeaveTheHandleUnchanged) {
@@ -189,12 +133,7 @@ TEST_F(Linear, MismatchedEnvironmentsLeaveTheHandleUnchanged) {
     SCOPED_TRACE(r.first);
     TavExpr e = sum({{x, 2.0}}, 1.0);
     TavNumLinTermI* before = e.getImpl();
-    try {
-      r.second(e);
-      ADD_FAILURE() << "no exception";
-    } catch (const TavWrongUsage& ex) {
-      EXPECT_EQ(std::string(ex.getMessage()), r.first + tail);
-    }
+    EXPECT_EQ(messageOf<TavWrongUsage>([&] { r.second(e); }), r.first + tail);
     EXPECT_EQ(e.getImpl(), before);
     EXPECT_EQ(before->getRefCount(), 1);
     EXPECT_EQ(show(e), "2 * x  + 1 ");
@@ -203,7 +142,9 @@ TEST_F(Linear, MismatchedEnvironmentsLeaveTheHandleUnchanged) {
 }
 
 // Every in-place edit of a TavExpr, each applied to x + 1 while a second
-// counted handle shares the node: the edit must copy first.
+// counted handle shares the node: the edit must copy first. The fuzzer
+// reaches some of these only by chance (a sign error in -= of a term
+// passes it), so each stays here.
 TEST_F(Linear, InPlaceEditsCopyASharedNode) {
   struct Row {
     const char* name;
@@ -394,7 +335,7 @@ TEST_F(Linear, NormalizeKeepsLastOccurrencesAndCountsMerges) {
 }
 
 TEST_F(Linear, SetCoefSingleAndBulkSendDifferentRecords) {
-  Recorder rec(ei());
+  RecordingAlg rec(ei());
   struct Row {
     const char* name;
     std::vector<std::pair<TavNumVar, double>> in;
@@ -525,7 +466,7 @@ TEST_F(Linear, BulkRemovalStopsAtTheCountAndDropsTheTailPointer) {
 }
 
 TEST_F(Linear, AtRemoveOneByOneOrByMarks) {
-  Recorder rec(ei());
+  RecordingAlg rec(ei());
   TavExpr e = sum({{x, 1}, {y, 1}, {x, 2}});
   ei()->setOneByOneRemoval(true);
   e.getImpl()->atRemove(x.getImpl(), nullptr);
@@ -654,15 +595,10 @@ TEST_F(Linear, EvalVisitCloneAndCopy) {
   EXPECT_EQ(e.getImpl()->getConstant(), 6.0);
   EXPECT_EQ(partCount(e.getImpl()), 2);
   EXPECT_FALSE(e.getImpl()->isNormalized());
-  // multiply and divide rebuild the parts and release the old ones.
+  // multiply rebuilds the parts and releases the old ones.
   e.getImpl()->multiply(2.0);
   EXPECT_EQ(termsOf(e), "x:4 z:2 x:4 z:2");
   EXPECT_EQ(p.getImpl()->getRefCount(), 1);
-  e.getImpl()->divide(4.0);
-  EXPECT_EQ(termsOf(e), "x:1 z:0.5 x:1 z:0.5");
-  EXPECT_EQ(e.getImpl()->getConstant(), 3.0);
-  sol.setValue(w, 3.0);
-  EXPECT_DOUBLE_EQ(sol.getValue(e), 2 * (1 + 1) + 3.0 + 2 * 3.0 * 0.5);
 }
 
 TEST_F(Linear, IsIntegerAndChangeRecords) {
@@ -702,7 +638,7 @@ TEST_F(Linear, IsIntegerAndChangeRecords) {
 }
 
 TEST_F(Linear, IntegerLinearNode) {
-  Recorder rec(ei());
+  RecordingAlg rec(ei());
   TavIntExpr k = 2 * n + 3;
   auto* in = static_cast<TavIntLinTermI*>(k.getImpl());
   EXPECT_EQ(in->getNumConstant(), 3.0);

@@ -123,6 +123,10 @@ TEST(Operators, SumTableOverOperandKinds) {
   }
 }
 
+// Sums of variables, linear operands and numbers are the fuzzer's (it
+// compares terms and constant); it seldom meets a term handle as an operand
+// (a sign error in term - term passes it), so those rows stay, with the ones
+// that change kind, add a temporary to itself, or hold parts.
 TEST(Operators, TermsNumbersDifferencesAndNegation) {
   checkRows({
       {"term + variable", [](Model& m) { return 2 * m.x + m.y; }, "TavNumLinTermI{x:2 y:1||0}"},
@@ -138,9 +142,6 @@ TEST(Operators, TermsNumbersDifferencesAndNegation) {
       {"term + node", [](Model& m) { return 2 * m.x + m.P(); }, "TavNumLinTermI{x:2|P|0}"},
       {"term + number", [](Model& m) { return 2 * m.x + 1.5; }, "TavNumLinTermI{x:2||1.5}"},
       {"number + term", [](Model& m) { return 1.5 + 2 * m.x; }, "TavNumLinTermI{x:2||1.5}"},
-      {"variable + number", [](Model& m) { return m.x + 1.5; }, "TavNumLinTermI{x:1||1.5}"},
-      {"number + variable", [](Model& m) { return 1.5 + m.x; }, "TavNumLinTermI{x:1||1.5}"},
-      {"linear + number", [](Model& m) { return (3 * m.y + 2.0) + 1.5; }, "TavNumLinTermI{y:3||3.5}"},
       {"integer linear + fraction", [](Model& m) { return TavIntExprArg(2 * m.i + 1) + 2.5; },
        "TavNumLinTermI{i:2||3.5}"},
       {"integer term + fraction", [](Model& m) { return 2 * m.i + 0.5; }, "TavNumLinTermI{i:2||0.5}"},
@@ -161,25 +162,15 @@ TEST(Operators, TermsNumbersDifferencesAndNegation) {
          return t + t;
        },
        "TavNumLinTermI{i:2 i:2||2}"},
-      {"variable - variable", [](Model& m) { return m.x - m.y; }, "TavNumLinTermI{x:1 y:-1||0}"},
       {"variable - term", [](Model& m) { return m.x - 2 * m.y; }, "TavNumLinTermI{x:1 y:-2||0}"},
       {"term - term", [](Model& m) { return 2 * m.x - 3 * m.y; }, "TavNumLinTermI{x:2 y:-3||0}"},
-      {"variable - number", [](Model& m) { return m.x - 1.5; }, "TavNumLinTermI{x:1||-1.5}"},
-      {"number - variable", [](Model& m) { return 1.5 - m.x; }, "TavNumLinTermI{x:-1||1.5}"},
-      {"linear - linear", [](Model& m) { return (2 * m.x + 1.0) - (3 * m.y + 2.0); },
-       "TavNumLinTermI{x:2 y:-3||-1}"},
       {"number - linear", [](Model& m) { return 2.0 - (3 * m.y + 2.0); }, "TavNumLinTermI{y:-3||0}"},
       {"linear - node", [](Model& m) { return (2 * m.x + 1.0) - m.P(); },
        "TavNumLinTermI{x:2|TavNumTimesCstI|1}"},
-      {"-variable", [](Model& m) { return TavNumExprArg(-m.x); }, "TavNumLinTermI{x:-1||0}"},
       {"-term", [](Model& m) { return TavNumExprArg(-(2 * m.x)); }, "TavNumLinTermI{x:-2||0}"},
-      {"-linear", [](Model& m) { return -(2 * m.x + 1.0); }, "TavNumLinTermI{x:-2||-1}"},
       {"-node", [](Model& m) { return -m.P(); }, "TavNumTimesCstI(P,-1)"},
       {"-(x - y) twice negated", [](Model& m) { return -(-(m.x - m.y)); }, "TavNumLinTermI{x:1 y:-1||0}"},
-      {"int variable + variable", [](Model& m) { return m.i + m.j; }, "TavIntLinTermI{i:1 j:1||0}"},
       {"int term + term", [](Model& m) { return 2 * m.i + 3 * m.j; }, "TavIntLinTermI{i:2 j:3||0}"},
-      {"int linear + integer", [](Model& m) { return (2 * m.i + 1) + (TavInt)3; }, "TavIntLinTermI{i:2||4}"},
-      {"int variable - variable", [](Model& m) { return m.i - m.j; }, "TavIntLinTermI{i:1 j:-1||0}"},
       {"integer - int term", [](Model& m) { return 5 - 2 * m.i; }, "TavIntLinTermI{i:-2||5}"},
       {"-int linear", [](Model& m) { return -TavIntExprArg(2 * m.i + 1); }, "TavIntLinTermI{i:-2||-1}"},
       {"int node + int variable", [](Model& m) { return m.N() + m.i; }, "TavIntLinTermI{i:1|N|0}"},
@@ -199,12 +190,12 @@ TEST(Operators, TermNegationFlipsTheCellInPlace) {
   EXPECT_EQ((-m.x).getCoef(), -1.0);
 }
 
+// Constant factors fold; the node classes of plain products and quotients
+// are the family sweep's.
 TEST(Operators, ProductsAndQuotientsByNumbersAndConstants) {
   checkRows({
-      {"variable * number", [](Model& m) { return TavNumExprArg(m.x) * 2.5; }, "TavNumLinTermI{x:2.5||0}"},
       {"(x + y) * 0 keeps zero terms", [](Model& m) { return (m.x + m.y) * 0.0; },
        "TavNumLinTermI{x:0 y:0||0}"},
-      {"linear * number", [](Model& m) { return 3.0 * (2 * m.x + 1.0); }, "TavNumLinTermI{x:6||3}"},
       {"int linear * fraction", [](Model& m) { return TavIntExprArg(2 * m.i + 1) * 1.5; },
        "TavNumLinTermI{i:3||1.5}"},
       {"int linear * integer", [](Model& m) { return TavIntExprArg(2 * m.i + 1) * (TavInt)3; },
@@ -218,24 +209,15 @@ TEST(Operators, ProductsAndQuotientsByNumbersAndConstants) {
        "TavNumTimesCstI(P,4)"},
       {"constant expression * node", [](Model& m) { return TavNumExpr(m.env, 4.0) * m.P(); },
        "TavNumTimesCstI(P,4)"},
-      {"variable * constant expression", [](Model& m) { return m.x * TavNumExpr(m.env, 4.0); },
-       "TavNumLinTermI{x:4||0}"},
       {"node * integer constant expression", [](Model& m) { return m.P() * TavNumExprArg(TavIntExpr(m.env, 3)); },
        "TavNumTimesCstI(P,3)"},
-      {"node * node", [](Model& m) { return m.P() * m.Q(); }, "TavNumTimesI"},
       {"constant * itself", [](Model& m) {
          TavNumExprArg c(new (m.env.getImpl()) TavNumLinTermI(m.env.getImpl(), 4.0));
          return c * c;
        },
        "TavNumLinTermI{||16}"},
-      {"int node * int node", [](Model& m) { return m.N() * m.N(); }, "TavIntTimesI"},
       {"int constant * int node never folds", [](Model& m) { return TavIntExpr(m.env, 3) * m.N(); },
        "TavIntTimesI"},
-      {"variable / number", [](Model& m) { return TavNumExprArg(m.x) / 4.0; }, "TavNumLinTermI{x:0.25||0}"},
-      {"linear / number", [](Model& m) { return (2 * m.x + 1.0) / 2.0; }, "TavNumLinTermI{x:1||0.5}"},
-      {"node / number", [](Model& m) { return m.P() / 4.0; }, "TavNumDivCstI(P,4)"},
-      {"number / variable", [](Model& m) { return 2.0 / TavNumExprArg(m.x); }, "TavNumRecDivCstI"},
-      {"node / node", [](Model& m) { return m.P() / m.Q(); }, "TavNumDivI"},
   });
 }
 
@@ -251,40 +233,6 @@ TEST(Operators, FoldingKeepsCountedFactorNode) {
   EXPECT_EQ(shape(itwice * (TavInt)3), "TavIntTimesCstI(N,6)");
   EXPECT_EQ(shape(itwice), "TavIntTimesCstI(N,2)");
   EXPECT_EQ(itwice.getImpl()->getRefCount(), 1);
-}
-
-TEST(Operators, SharedOperandsAreNeverChanged) {
-  Model m;
-  TavExpr e(2 * m.x + 1.0);
-  TavNumExpr c(m.env, 4.0);
-  const std::string before = shape(e);
-  std::vector<std::pair<const char*, std::function<TavNumExprArg()>>> uses = {
-      {"e + y", [&] { return e + m.y; }},
-      {"y + e", [&] { return m.y + e; }},
-      {"e + e", [&] { return e + e; }},
-      {"e - y", [&] { return e - m.y; }},
-      {"y - e", [&] { return m.y - e; }},
-      {"e + term", [&] { return e + 3 * m.y; }},
-      {"e + int term", [&] { return e + 3 * m.j; }},
-      {"e + node", [&] { return e + m.P(); }},
-      {"node + e", [&] { return m.P() + e; }},
-      {"e + number", [&] { return e + 1.5; }},
-      {"number - e", [&] { return 1.5 - e; }},
-      {"e * number", [&] { return e * 2.0; }},
-      {"e / number", [&] { return e / 2.0; }},
-      {"-e", [&] { return -e; }},
-      {"e * constant", [&] { return e * c; }},
-      {"constant * node", [&] { return c * m.P(); }},
-  };
-  for (auto& u : uses) {
-    SCOPED_TRACE(u.first);
-    TavNumExprArg r = u.second();
-    EXPECT_NE(r.getImpl(), e.getImpl());
-    EXPECT_EQ(shape(e), before);
-    EXPECT_EQ(e.getImpl()->getRefCount(), 1);
-    EXPECT_EQ(shape(c), "TavNumLinTermI{||4}");
-    EXPECT_EQ(c.getImpl()->getRefCount(), 1);
-  }
 }
 
 TEST(Operators, ChainOverTemporaryStaysLinear) {
@@ -325,31 +273,16 @@ TEST(Operators, MixingEnvironmentsIsRejectedUntouched) {
   };
   const char *N = "TavNumExprArg", *I = "TavIntExprArg", *NT = "TavNumLinExprTerm", *IT = "TavIntLinExprTerm";
   typedef std::function<void(Mixed&, Mixed&)> Call;
+  // A difference reports itself as a sum.
+#define PLUS_MINUS(R, A, B, a, b)                                       \
+  {msg(R, A, B), [](Mixed& x, Mixed& y) { x.a + y.b; }}, {msg(R, A, B), [](Mixed& x, Mixed& y) { x.a - y.b; }}
   const std::vector<std::pair<std::string, Call>> rows = {
-      {msg(N, N, N), [](Mixed& a, Mixed& b) { a.lin + b.lin; }},
-      {msg(N, N, N), [](Mixed& a, Mixed& b) { a.lin - b.lin; }},
-      {msg(N, N, NT), [](Mixed& a, Mixed& b) { a.lin + b.term; }},
-      {msg(N, N, NT), [](Mixed& a, Mixed& b) { a.lin - b.term; }},
-      {msg(N, N, IT), [](Mixed& a, Mixed& b) { a.lin + b.iterm; }},
-      {msg(N, N, IT), [](Mixed& a, Mixed& b) { a.lin - b.iterm; }},
-      {msg(N, NT, N), [](Mixed& a, Mixed& b) { a.term + b.lin; }},
-      {msg(N, NT, N), [](Mixed& a, Mixed& b) { a.term - b.lin; }},
-      {msg(N, IT, N), [](Mixed& a, Mixed& b) { a.iterm + b.lin; }},
-      {msg(N, IT, N), [](Mixed& a, Mixed& b) { a.iterm - b.lin; }},
-      {msg(N, NT, NT), [](Mixed& a, Mixed& b) { a.term + b.term; }},
-      {msg(N, NT, NT), [](Mixed& a, Mixed& b) { a.term - b.term; }},
-      {msg(N, IT, NT), [](Mixed& a, Mixed& b) { a.iterm + b.term; }},
-      {msg(N, IT, NT), [](Mixed& a, Mixed& b) { a.iterm - b.term; }},
-      {msg(N, NT, IT), [](Mixed& a, Mixed& b) { a.term + b.iterm; }},
-      {msg(N, NT, IT), [](Mixed& a, Mixed& b) { a.term - b.iterm; }},
-      {msg(I, I, I), [](Mixed& a, Mixed& b) { a.ilin + b.ilin; }},
-      {msg(I, I, I), [](Mixed& a, Mixed& b) { a.ilin - b.ilin; }},
-      {msg(I, I, IT), [](Mixed& a, Mixed& b) { a.ilin + b.iterm; }},
-      {msg(I, I, IT), [](Mixed& a, Mixed& b) { a.ilin - b.iterm; }},
-      {msg(I, IT, I), [](Mixed& a, Mixed& b) { a.iterm + b.ilin; }},
-      {msg(I, IT, I), [](Mixed& a, Mixed& b) { a.iterm - b.ilin; }},
-      {msg(I, IT, IT), [](Mixed& a, Mixed& b) { a.iterm + b.iterm; }},
-      {msg(I, IT, IT), [](Mixed& a, Mixed& b) { a.iterm - b.iterm; }},
+      PLUS_MINUS(N, N, N, lin, lin),           PLUS_MINUS(N, N, NT, lin, term),
+      PLUS_MINUS(N, N, IT, lin, iterm),        PLUS_MINUS(N, NT, N, term, lin),
+      PLUS_MINUS(N, IT, N, iterm, lin),        PLUS_MINUS(N, NT, NT, term, term),
+      PLUS_MINUS(N, IT, NT, iterm, term),      PLUS_MINUS(N, NT, IT, term, iterm),
+      PLUS_MINUS(I, I, I, ilin, ilin),         PLUS_MINUS(I, I, IT, ilin, iterm),
+      PLUS_MINUS(I, IT, I, iterm, ilin),       PLUS_MINUS(I, IT, IT, iterm, iterm),
       {msg(N, N, N, "*"), [](Mixed& a, Mixed& b) { a.lin * b.lin; }},
       {msg(I, I, I, "*"), [](Mixed& a, Mixed& b) { a.ilin * b.ilin; }},
       {msg(N, N, N, "/"), [](Mixed& a, Mixed& b) { a.lin / b.lin; }},
@@ -360,6 +293,7 @@ TEST(Operators, MixingEnvironmentsIsRejectedUntouched) {
       {"TavMax: mixing mismatch Environments", [](Mixed& a, Mixed& b) { TavMax(a.lin, b.lin); }},
       {"TavMax: mixing mismatch Environments", [](Mixed& a, Mixed& b) { TavMax(a.ilin, b.ilin); }},
   };
+#undef PLUS_MINUS
   Model m1, m2;
   for (const auto& row : rows) {
     SCOPED_TRACE(row.first);
@@ -368,12 +302,7 @@ TEST(Operators, MixingEnvironmentsIsRejectedUntouched) {
     TavEnvI *e1 = m1.env.getImpl(), *e2 = m2.env.getImpl();
     const TavInt objects1 = e1->getLiveObjectCount(), objects2 = e2->getLiveObjectCount();
     const TavInt terms1 = e1->getLiveTermCount(), terms2 = e2->getLiveTermCount();
-    try {
-      row.second(a, b);
-      ADD_FAILURE() << "no exception";
-    } catch (const TavWrongUsage& e) {
-      EXPECT_STREQ(e.getMessage(), row.first.c_str());
-    }
+    EXPECT_EQ(messageOf<TavWrongUsage>([&] { row.second(a, b); }), row.first);
     EXPECT_EQ(e1->getLiveObjectCount(), objects1);
     EXPECT_EQ(e2->getLiveObjectCount(), objects2);
     EXPECT_EQ(e1->getLiveTermCount(), terms1);
@@ -381,30 +310,6 @@ TEST(Operators, MixingEnvironmentsIsRejectedUntouched) {
     EXPECT_EQ(picture(a), pa);
     EXPECT_EQ(picture(b), pb);
   }
-}
-
-TEST(Operators, MixedArraysAreRejected) {
-  Model m1, m2;
-  TavNumExprArray nums(m1.env, 0);
-  nums.add(m1.x);
-  nums.add(m2.y);
-  TavIntExprArray ints(m1.env, 0);
-  ints.add(m1.i);
-  ints.add(m2.j);
-  const TavInt live = m1.env.getImpl()->getLiveObjectCount();
-  const std::vector<std::pair<const char*, std::function<void()>>> rows = {
-      {"TavMin: mixing mismatch Environments", [&] { TavMin(nums); }},
-      {"TavMax: mixing mismatch Environments", [&] { TavMax(nums); }},
-      {"TavMin: mixing mismatch Environments", [&] { TavMin(ints); }},
-      {"TavMax: mixing mismatch Environments", [&] { TavMax(ints); }},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.first);
-    EXPECT_EQ(messageOf<TavWrongUsage>(row.second), row.first);
-    EXPECT_EQ(m1.env.getImpl()->getLiveObjectCount(), live);
-  }
-  nums.end();
-  ints.end();
 }
 
 }  // namespace

@@ -69,11 +69,7 @@ ProbeNode<Tag>* probe(TavEnv env, double v = 1.0, TavNumExprI* child = nullptr) 
   return new (env.getImpl()) ProbeNode<Tag>(env.getImpl(), v, child);
 }
 
-struct CountingMutex : TavMutex {
-  int locks = 0, unlocks = 0;
-  void lock() override { ++locks; }
-  void unlock() override { ++unlocks; }
-};
+using tavtest::CountingMutex;
 
 }  // namespace
 
@@ -128,20 +124,15 @@ TEST(TypeIdentity, IsTypeWalksTheBaseChainOnly) {
     SCOPED_TRACE(c.what);
     EXPECT_EQ(c.got, c.want);
   }
-  EXPECT_EQ(p->getTypeInfo(), ProbeNode<1>::GetTypeInfo());
-  EXPECT_NE(ProbeNode<1>::GetTypeInfo(), ProbeNode<2>::GetTypeInfo());
-  EXPECT_EQ(p->getBaseTypeInfo(), TavNumExprI::GetTypeInfo());
   EXPECT_EQ(TavNumExprI::GetBaseTypeInfo(), TavExtractableI::GetTypeInfo());
   EXPECT_EQ(TavIntExprI::GetBaseTypeInfo(), TavNumExprI::GetTypeInfo());
   EXPECT_EQ(p->getExtractableSize(), (TavInt)sizeof(ProbeNode<1>));
 
-  EXPECT_STREQ(p->getRttiTypeName(), "ProbeNode");
   EXPECT_STREQ(x.getImpl()->getRttiTypeName(), "TavNumVarI");
   EXPECT_STREQ(lin.getImpl()->getRttiTypeName(), "TavNumLinTermI");
   EXPECT_STREQ(TavNumExprI::GetRttiTypeName(), "TavNumExprI");
   EXPECT_STREQ(TavIntExprI::GetRttiTypeName(), "TavIntExprI");
   EXPECT_STREQ(TavIntLinTermI::GetRttiTypeName(), "TavIntLinTermI");
-  EXPECT_STREQ(rec.getRttiTypeName(), "NoteChange");
   p->end();
   lin.end();
   env.end();
@@ -373,6 +364,7 @@ TEST(RefCounting, ReleaseIsIgnoredWhileTheEnvironmentEnds) {
   EXPECT_EQ(g_destroyed, 0);
 }
 
+// Chains of library nodes are the fuzzer's deep programs and the depth tests'.
 TEST(RefCounting, MillionDeepChainsAreFreedWithoutRecursion) {
   const int depth = 1000000;
   TavEnv env;
@@ -384,16 +376,6 @@ TEST(RefCounting, MillionDeepChainsAreFreedWithoutRecursion) {
   top.end();
   EXPECT_EQ(g_destroyed, depth);
   EXPECT_EQ(env.getImpl()->getLiveObjectCount(), live0);
-
-  // The same with library product nodes over a variable.
-  TavNumVar x(env, 0, 1, "x");
-  const TavInt live1 = env.getImpl()->getLiveObjectCount();
-  TavNumExprArg chain = x * TavNumExprArg(x);
-  for (int i = 1; i < depth; ++i) chain = chain * TavNumExprArg(x);
-  EXPECT_EQ(env.getImpl()->getLiveObjectCount(), live1 + depth);
-  TavNumExpr held(chain);
-  held.end();
-  EXPECT_EQ(env.getImpl()->getLiveObjectCount(), live1);
   env.end();
 }
 

@@ -65,12 +65,31 @@ class NoteChange : public TavChangeNode<NoteChange> {
   using TavChangeNode::TavChangeNode;
 };
 
-/// An algorithm that values every variable at 0 and keeps the records it gets.
+/// An algorithm that values every variable at 0 and keeps the records it
+/// gets, and their class names (the records themselves do not outlive the call).
 struct RecordingAlg : TavAlgorithmI {
   using TavAlgorithmI::TavAlgorithmI;
   double getValue(const TavNumVarI*) const override { return 0.0; }
-  void notifyChange(const TavChange& c) override { seen.push_back(&c); }
+  void notifyChange(const TavChange& c) override {
+    seen.push_back(&c);
+    names.push_back(c.getRttiTypeName());
+  }
   std::vector<const TavChange*> seen;
+  std::vector<std::string> names;
+};
+
+/// An algorithm that refuses every change record.
+struct RefusingAlg : TavAlgorithmI {
+  using TavAlgorithmI::TavAlgorithmI;
+  double getValue(const TavNumVarI*) const override { return 0.0; }
+  void notifyChange(const TavChange&) override { throw TavWrongUsage("refused", 0); }
+};
+
+/// A lock that counts how often it is taken and given back.
+struct CountingMutex : TavMutex {
+  int locks = 0, unlocks = 0;
+  void lock() override { ++locks; }
+  void unlock() override { ++unlocks; }
 };
 
 }  // namespace tavtest

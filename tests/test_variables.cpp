@@ -132,7 +132,6 @@ TEST_F(Vars, OtherConstructors) {
   EXPECT_FALSE(bare.getImpl()->isEnumerated());
   EXPECT_EQ(bare.getImpl()->getNumValues().getImpl(), nullptr);
   EXPECT_EQ(bare.getImpl()->getIntValues().getImpl(), nullptr);
-  EXPECT_STREQ(bare.getName(), "bare");
   EXPECT_EQ(TavNumVar(env, 1.0, 2.0, "f").getType(), TavNumVar::Float);
 
   TavNumArray nums(env, {2.5, 1.5});
@@ -169,8 +168,6 @@ TEST_F(Vars, OtherConstructors) {
   TavBoolVar cb(column, "cb");
   ASSERT_EQ(column.getSize(), 4);
   EXPECT_EQ(column[0].getImpl(), cv.getImpl());
-  EXPECT_EQ(ci.getMin(), 2);
-  EXPECT_EQ(ci.getMax(), 5);
   EXPECT_EQ(valuesOf(cl.getImpl()->getIntValues()), (std::vector<double>{7, 8}));
   EXPECT_EQ(cb.getType(), TavNumVar::Bool);  // a private Boolean domain
   EXPECT_FALSE(cb.getImpl()->getDomain()->isShared());
@@ -293,11 +290,7 @@ TEST_F(Vars, ModifiersCopyOnWriteAndNotify) {
   TavNumVar(spy).setBounds(2, 3);
   EXPECT_EQ(spy->calls, 6);
   // A failing delivery leaves the change made before it.
-  struct Refuser : TavAlgorithmI {
-    using TavAlgorithmI::TavAlgorithmI;
-    double getValue(const TavNumVarI*) const override { return 0; }
-    void notifyChange(const TavChange&) override { throw TavWrongUsage("refused", 0); }
-  } refuser(ei());
+  tavtest::RefusingAlg refuser(ei());
   TavNumVar t(env, 0.0, 10.0);
   EXPECT_THROW(t.setUB(4), TavWrongUsage);
   EXPECT_EQ(t.getUB(), 4.0);
@@ -464,7 +457,6 @@ TEST_F(Vars, CloneAndNodeProtocol) {
   other.end();
 
   TavNumVarI* v = x.getImpl();
-  EXPECT_STREQ(v->getRttiTypeName(), "TavNumVarI");
   EXPECT_FALSE(v->isRefCountedExpr());
   EXPECT_TRUE(v->isDecisionExpr());
   v->release();
@@ -493,7 +485,6 @@ TEST_F(Vars, CloneAndNodeProtocol) {
                              static_cast<const TavChange*>(&sa)})
     EXPECT_THROW(c->applyToCP(TavAlgorithm(), nullptr), TavAlgorithm::CannotChangeException) << c->getRttiTypeName();
   EXPECT_STREQ(sa.getRttiTypeName(), "TavSetNumVarArrayBounds");
-  EXPECT_EQ(sb.getLB(), 1.0);
 }
 
 TEST_F(Vars, IntegerAndBooleanHandles) {
@@ -511,10 +502,8 @@ TEST_F(Vars, IntegerAndBooleanHandles) {
   TavIntVar vals(env, TavIntArray(env, {2, 4, 6}), "vals");
   EXPECT_TRUE(vals.getImpl()->isEnumerated());
   EXPECT_EQ(vals.getMax(), 6);
-  TavNumVar asNum = vals;
-  EXPECT_EQ(asNum.getImpl(), vals.getImpl());
   TavNumVar boolNum(env, 0.0, 1.0, TavNumVar::Bool);
-  EXPECT_EQ(TavIntVar(boolNum).getImpl(), boolNum.getImpl());
+  EXPECT_EQ(TavIntVar(boolNum).getImpl(), boolNum.getImpl());  // a Boolean is an integer
 
   TavBoolVar b(env, "b");
   EXPECT_EQ(b.getImpl()->getDomain(), ei()->getOrMakeSharedDomain((TavInt)0, (TavInt)1));
