@@ -15,9 +15,11 @@
 
 namespace tavtest {
 
-inline void sweepBuildAndClone(TavEnvI* env, const std::function<TavNumExprArg()>& build,
-                               const std::function<void(TavInt k)>& unchanged) {
-  const TavInt objects = env->getLiveObjectCount();
+/// Calls build with the k-th allocation failing, k = 1, 2, ..., until it
+/// returns a node; after each failure the live bytes and unchanged() (which
+/// asserts what the caller needs kept) must be as before. Returns the node.
+inline TavNumExprArg buildThroughFailures(TavEnvI* env, const std::function<TavNumExprArg()>& build,
+                                          const std::function<void(TavInt k)>& unchanged) {
   const std::size_t bytes = env->getMemory().getLiveBytes();
   TavNumExprArg built;
   int failures = 0;
@@ -27,13 +29,24 @@ inline void sweepBuildAndClone(TavEnvI* env, const std::function<TavNumExprArg()
       built = build();
     } catch (const std::bad_alloc&) {
       ++failures;
-      ASSERT_EQ(env->getLiveObjectCount(), objects) << k;
-      ASSERT_EQ(env->getMemory().getLiveBytes(), bytes) << k;
+      env->getMemory().failAfter(0);
+      EXPECT_EQ(env->getMemory().getLiveBytes(), bytes) << "failing allocation " << k;
       unchanged(k);
     }
     env->getMemory().failAfter(0);
   }
   EXPECT_GT(failures, 0);
+  return built;
+}
+
+inline void sweepBuildAndClone(TavEnvI* env, const std::function<TavNumExprArg()>& build,
+                               const std::function<void(TavInt k)>& unchanged) {
+  const TavInt objects = env->getLiveObjectCount();
+  const std::size_t bytes = env->getMemory().getLiveBytes();
+  TavNumExprArg built = buildThroughFailures(env, build, [&](TavInt k) {
+    EXPECT_EQ(env->getLiveObjectCount(), objects) << k;
+    unchanged(k);
+  });
 
   TavEnv other;
   TavEnvI* target = other.getImpl();
