@@ -5,7 +5,8 @@
 // call must return, which the runner checks at compile time. The reference
 // is written from what the builder computes, with a and b the values of the
 // operands in call order (an expression's or a number's); Refused stands for
-// an evaluation the library refuses.
+// an evaluation the library refuses. IncreasingCube and DecreasingNegExp
+// stand for the monotonic builders over those functions (see the runner).
 #ifndef TAV_TESTS_FUZZ_FUNCTIONS_H
 #define TAV_TESTS_FUZZ_FUNCTIONS_H
 
@@ -34,6 +35,8 @@
   ROW(TavVurRound,  FUnary,   Num, KNumArg, FromOperands, TavVurRound(a))                         \
   ROW(TavPower,     FBinary,  Num, KNumArg, FromOperands, std::pow(a, b))                         \
   ROW(TavPower,     FExprCst, Num, KNumArg, FromOperands, std::pow(a, b))                         \
-  ROW(TavPower,     FCstExpr, Num, KNumArg, FromOperands, std::pow(a, b))
+  ROW(TavPower,     FCstExpr, Num, KNumArg, FromOperands, std::pow(a, b))                         \
+  ROW(IncreasingCube,   FUnary, Num, KNumArg, Never,    a * a * a)                                \
+  ROW(DecreasingNegExp, FUnary, Num, KNumArg, Never,    -std::exp(a))
 
 #endif

@@ -47,10 +47,16 @@ enum Kind : std::uint8_t {
 enum Op : std::uint8_t {
   OLeaf, ONeg, OAdd, OSub, OMul, ODiv, OMod, OIDiv, OMin, OMax,  // the runner's operator table
   OTermTwice, OMinArr, OMaxArr, OSum, OScalProd,
-  OCall  ///< a builder of the function table (Node::fn)
+  OCall,     ///< a builder of the function table (Node::fn)
+  OElement,  ///< array[index]: kids are the index, then the elements (or Node::numbers)
+  OCount,    ///< TavCount(kids, num)
+  OStdDev,   ///< TavStandardDeviation(kids), with bounds num and num2 when form is 1
+  OPiecewise,  ///< kids[0] through breakpoints (numbers) and slopes or values (numbers2)
+  OCond      ///< kids are then, else and, when form is 0, the condition
 };
+constexpr int SpecialOps = OCond - OElement + 1;
 constexpr int BinaryOps = OMax + 1;
-enum ArrayKind : std::uint8_t { ANumExpr, AIntExpr, ANumVar, AIntVar };
+enum ArrayKind : std::uint8_t { ANumExpr, AIntExpr, ANumVar, AIntVar, ANumValues, AIntValues };
 
 // ------------------------------------------------------------ functions
 
@@ -85,7 +91,14 @@ struct Node {
   bool numbersFirst = false;    ///< scalar product: number array first
   bool intNumbers = false;      ///< scalar product: TavIntArray
   std::vector<Node> kids;       ///< operands, or array elements (scalar product: a then b)
-  std::vector<double> numbers;  ///< scalar product: the number array
+  std::vector<double> numbers;  ///< scalar product, element, piecewise breakpoints: a number array
+  std::vector<double> numbers2; ///< piecewise: the slopes (slope form) or values (value form)
+  double num2 = 0;              ///< piecewise: anchor value or last slope; deviation: upper bound
+  /// Element: 1 for operator[], 0 for TavElement. Deviation: 1 with bounds.
+  /// Piecewise: 1 for the slope form, 0 for the value form. Conditional: 0
+  /// with an expression as condition, 1 or 2 with the true or false constraint.
+  int form = 0;
+  bool thenNumber = false, elseNumber = false;  ///< conditional: a number branch (the kid holds it)
 };
 
 enum StmtKind : std::uint8_t {
@@ -170,6 +183,8 @@ class Model {
  private:
   Ref binary(Op op, bool isInt, const Ref& a, const Ref& b) const;
   Ref call(const Node& n, const std::vector<Ref>& k) const;
+  /// The element, count, deviation, piecewise and conditional nodes.
+  Ref special(const Node& n, const std::vector<Ref>& k) const;
   Ref& own(int slot);
   const Program& _p;
 };

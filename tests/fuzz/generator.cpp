@@ -3,6 +3,7 @@
 // values inside the 64-bit range, removals away from the dropped-tail
 // layout that the linear node keeps on purpose, and functions away from the
 // steps of values the reference cannot know to the last bit.
+#include <algorithm>
 #include <cmath>
 #include <sstream>
 
@@ -133,10 +134,12 @@ struct Gen {
     if (depth <= 0 || src.percent(25)) return leaf(wantInt);
     for (int tries = 0; tries < 6; ++tries) {
       Node n;
-      n.op = src.percent(30) ? OCall : (Op)(ONeg + pick(OScalProd));
+      n.op = src.percent(30) ? OCall : src.percent(20) ? (Op)(OElement + pick(SpecialOps)) : (Op)(ONeg + pick(OScalProd));
       if (n.op == OTermTwice && !o.termReuse) continue;
       if (n.op == OCall) {
         if (!call(n, depth, wantInt)) continue;
+      } else if (n.op >= OElement) {
+        if (!special(n, depth, wantInt)) continue;
       } else if (n.op >= OMinArr) aggregate(n, depth, wantInt);
       else if (n.op == OTermTwice) {
         Node t;
@@ -181,6 +184,81 @@ struct Gen {
     if (f.shape == FExprCst) n.kids.push_back(constant());
     n.kind = callKind(n.fn, n.kids[0].kind, n.kids.size() > 1 ? n.kids[1].kind : KNone);
     return n.kind == f.result;
+  }
+  /// An expression operand of a builder: a number becomes a variable.
+  Node operand(int depth, bool integer) {
+    Node e = expr(depth - 1, integer);
+    return isNumber(e.kind) ? var(integer) : e;
+  }
+  /// The elements of an array of the kind n.array, into n.kids (or n.numbers).
+  void elements(Node& n, int depth, int size) {
+    const bool intArray = n.array == AIntExpr || n.array == AIntVar || n.array == AIntValues;
+    for (int i = 0; i < size; ++i) {
+      if (n.array >= ANumValues) n.numbers.push_back(intArray ? pick(7) - 3 : from(Numbers));
+      else n.kids.push_back(n.array == ANumVar || n.array == AIntVar ? var(intArray) : operand(depth, intArray));
+    }
+  }
+  /// Sorted breakpoints, some equal (the jumps of the slope form).
+  std::vector<double> breakpoints(int size) {
+    std::vector<double> p;
+    for (int i = 0; i < size; ++i) p.push_back(i > 0 && pick(5) == 0 ? p.back() : (pick(33) - 16) / 4.0);
+    std::sort(p.begin(), p.end());
+    return p;
+  }
+  /// An element, count, deviation, piecewise or conditional node; false when
+  /// the kind asked for cannot be made.
+  bool special(Node& n, int depth, bool wantInt) {
+    switch (n.op) {
+      case OElement: {
+        n.array = (ArrayKind)(wantInt ? (pick(3) == 0 ? AIntValues : AIntExpr + 2 * pick(2)) : pick(6));
+        n.form = pick(2);
+        n.kids.push_back(operand(depth, true));
+        for (int tries = 0; tries < 3; ++tries) {  // mostly an index inside the array
+          const double i = m.value(m.eval(n.kids[0]));
+          if (i >= 0 && i < 5) break;
+          n.kids[0] = operand(depth, true);
+        }
+        elements(n, depth, 1 + pick(4));
+        n.kind = n.array == AIntExpr || n.array == AIntVar || n.array == AIntValues ? KIntArg : KNumArg;
+        return true;
+      }
+      case OCount:
+      case OStdDev:
+        if (wantInt && n.op == OStdDev) return false;
+        n.array = (ArrayKind)(AIntExpr + 2 * pick(2));
+        elements(n, depth, 1 + pick(4));  // the builders refuse an empty array
+        n.num = pick(5) - 2;
+        n.form = n.op == OStdDev && pick(2);
+        if (n.form) n.num2 = n.num + pick(10);
+        n.kind = n.op == OCount ? KIntArg : KNumArg;
+        return true;
+      case OPiecewise: {
+        if (wantInt) return false;
+        n.kids.push_back(operand(depth, false));
+        n.form = pick(2);
+        const int size = 1 + pick(5);
+        n.numbers = breakpoints(size);
+        const int second = size + n.form - (pick(10) == 0);  // now and then one short
+        for (int i = 0; i < second; ++i) n.numbers2.push_back(from(Numbers));
+        n.num = n.form ? (pick(33) - 16) / 4.0 : from(Numbers);
+        n.num2 = from(Numbers);
+        n.kind = KNumArg;
+        return true;
+      }
+      default: {  // conditional
+        const bool integer = wantInt || pick(2);
+        n.form = pick(3);
+        n.thenNumber = pick(3) == 0;
+        n.elseNumber = pick(3) == 0;
+        n.kids.push_back(n.thenNumber ? number(integer, false) : operand(depth, integer));
+        n.kids.push_back(n.elseNumber ? number(integer, false) : operand(depth, integer));
+        for (Node& b : n.kids)
+          if (isNumber(b.kind)) b.kind = integer ? KLong : KDouble;
+        if (n.form == 0) n.kids.push_back(pick(2) ? var(true) : operand(depth, false));
+        n.kind = integer ? KIntArg : KNumArg;
+        return true;
+      }
+    }
   }
   void aggregate(Node& n, int depth, bool wantInt) {
     n.array = (ArrayKind)(wantInt ? AIntExpr + 2 * pick(2) : pick(4));
@@ -329,7 +407,7 @@ bool singleOperation(const Stmt& s) {
   if (s.kind != SDecl && s.kind != SCompound) return false;
   if (s.rhs.op == OLeaf) return true;
   if (s.kind == SCompound) return false;  // the operand would be a temporary left behind
-  if ((s.rhs.op > OMax && s.rhs.op != OCall) || isTerm(s.rhs.kind)) return false;
+  if ((s.rhs.op > OMax && s.rhs.op < OCall) || isTerm(s.rhs.kind)) return false;
   for (const Node& k : s.rhs.kids)
     if (k.op != OLeaf) return false;
   return true;
@@ -369,7 +447,8 @@ namespace {
 const char* const KindNames[] = {"double",       "TavInt",        "int",          "TavNumVar",
                                  "TavIntVar",    "TavBoolVar",    "TavNumLinExprTerm", "TavIntLinExprTerm",
                                  "TavNumExprArg", "TavIntExprArg", "TavNumExpr",   "TavIntExpr", "TavExpr"};
-const char* const ArrayNames[] = {"TavNumExprArray", "TavIntExprArray", "TavNumVarArray", "TavIntVarArray"};
+const char* const ArrayNames[] = {"TavNumExprArray", "TavIntExprArray", "TavNumVarArray",
+                                  "TavIntVarArray",  "TavNumArray",     "TavIntArray"};
 
 std::string num(double v, Kind k) {
   std::ostringstream os;
@@ -405,6 +484,7 @@ struct Printer {
     if (n.op == OTermTwice) return "[&] { auto t = " + node(n.kids[0]) + "; return t + t; }()";
     if (n.op == OCall)
       return std::string(Functions[n.fn].name) + "(" + node(n.kids[0]) + (n.kids.size() > 1 ? ", " + node(n.kids[1]) : "") + ")";
+    if (n.op >= OElement) return special(n);
     if (n.op != OScalProd) return calls[n.op - OIDiv] + list(ArrayNames[n.array], n.kids, 0, n.kids.size()) + ")";
     if (n.array == ANumExpr || n.array == AIntExpr) {
       const std::size_t half = n.kids.size() / 2;
@@ -417,6 +497,37 @@ struct Printer {
     numbers += "}";
     const std::string vars = list(ArrayNames[n.array], n.kids, 0, n.kids.size());
     return "TavScalProd(" + (n.numbersFirst ? numbers + ", " + vars : vars + ", " + numbers) + ")";
+  }
+  std::string numbers(const char* type, const std::vector<double>& v, Kind k) const {
+    std::string out = std::string(type) + "{";
+    for (std::size_t i = 0; i < v.size(); ++i) out += (i ? ", " : "") + num(v[i], k);
+    return out + "}";
+  }
+  std::string special(const Node& n) const {
+    const std::string array =
+        n.array >= ANumValues ? numbers(ArrayNames[n.array], n.numbers, n.array == AIntValues ? KInt : KDouble)
+                              : list(ArrayNames[n.array], n.kids, n.op == OElement, n.kids.size());
+    switch (n.op) {
+      case OElement:
+        return n.form ? array + "[" + node(n.kids[0]) + "]" : "TavElement(" + array + ", " + node(n.kids[0]) + ")";
+      case OCount: return "TavCount(" + array + ", " + num(n.num, KLong) + ")";
+      case OStdDev:
+        return "TavStandardDeviation(" + array + (n.form ? ", " + num(n.num, KDouble) + ", " + num(n.num2, KDouble) : "") + ")";
+      case OPiecewise: {
+        const std::string p = numbers("TavNumArray", n.numbers, KDouble), v = numbers("TavNumArray", n.numbers2, KDouble);
+        const std::string a = num(n.num, KDouble), b = num(n.num2, KDouble);
+        return "TavPiecewiseLinear(" + node(n.kids[0]) + ", " + (n.form ? p + ", " + v + ", " + a : a + ", " + p + ", " + v) +
+               ", " + b + ")";
+      }
+      default: {
+        const bool integer = n.kind == KIntArg;
+        auto branch = [this](const Node& b) { return b.op == OLeaf && b.kind <= KInt ? node(b) : node(b) + ".getImpl()"; };
+        const std::string c = n.form == 1 ? "yes" : n.form == 2 ? "no" : "TavNumExprArg(" + node(n.kids[2]) + ")";
+        return std::string(integer ? "TavIntExprArg(new (env) TavConditionalIntExprI("
+                                   : "TavNumExprArg(new (env) TavConditionalNumExprI(") +
+               "env, " + c + ".getImpl(), " + branch(n.kids[0]) + ", " + branch(n.kids[1]) + "))";
+      }
+    }
   }
   std::string vars(const Stmt& s) const {
     std::string out = "TavNumVarArray{";
@@ -462,6 +573,7 @@ std::string Program::print() const {
     else if (v < numVars + intVars) os << "TavIntVar " << varName(v) << "(env, -100, 100);\n";
     else os << "TavBoolVar " << varName(v) << "(env);\n";
   }
+  os << "TavConstraint yes(new (env) TavConstConstraintI(env, 0, 1)), no(new (env) TavConstConstraintI(env, 0, 0));\n";
   os << "TavSolution sol(env);\n";
   for (int v = 0; v < (int)values.size(); ++v) os << "sol.setValue(" << varName(v) << ", " << values[v] << ");\n";
   const Printer pr{*this};

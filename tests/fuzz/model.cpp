@@ -260,6 +260,7 @@ Ref Model::eval(const Node& n) const {
     return r;
   }
   if (n.op == OCall) return call(n, k);
+  if (n.op >= OElement) return special(n, k);
   return binary(n.op, isInt, k[0], k.size() > 1 ? k[1] : number(0));
 }
 
@@ -316,6 +317,127 @@ Ref Model::call(const Node& n, const std::vector<Ref>& k) const {
   r.integer = f.integer == Always ? Yes : f.integer == Never ? No : both(integral(a), integral(b));
   probe(r, {&a, &b}, {x, y}, [&f](const std::vector<double>& v) { return f.value(v[0], v[1]); });
   if (r.exact() && !r.throws) r.mag = finite(r.v);  // the library's own double: no error to allow for
+  return r;
+}
+
+namespace {
+/// The i-th number, or not-a-number past the end of a short array.
+double at(const std::vector<double>& a, long i) { return i >= 0 && i < (long)a.size() ? a[(std::size_t)i] : NAN; }
+
+/// The piecewise-linear function's value at x, step by step: the start
+/// index counts the breakpoints up to the first number; the slope form walks
+/// from the anchor to x, adding each segment (or jump) it crosses; the value
+/// form reads the segment of the start index, wherever x is.
+double piecewise(const Node& n, double x) {
+  const std::vector<double>& p = n.numbers;
+  const std::vector<double>& s = n.numbers2;
+  const long size = (long)p.size();
+  long k = 0;
+  while (k < size && p[(std::size_t)k] <= n.num) ++k;
+  if (n.form == 0) {
+    if (k == 0) return at(s, 0) + (x - at(p, 0)) * n.num;
+    if (k == size - 1) return at(s, size - 1) + (x - at(p, size - 1)) * n.num2;
+    return at(s, k) + (x - at(p, k)) * (at(s, k + 1) - at(s, k)) / (at(p, k + 1) - at(p, k));
+  }
+  double v = n.num2, cur = n.num;
+  long i = k;
+  if (x >= n.num) {
+    for (; i < size && x >= at(p, i); ++i) {
+      v += i > 0 && at(p, i - 1) == at(p, i) ? at(s, i) : (at(p, i) - cur) * at(s, i);
+      cur = at(p, i);
+    }
+    return v + (x - cur) * at(s, i);
+  }
+  for (i = k - 1; i >= 0 && at(p, i) > x; --i) {
+    if (i < size - 1 && at(p, i) == at(p, i + 1)) v -= at(s, i + 1);
+    else v += (at(p, i) - cur) * at(s, i + 1);
+    cur = at(p, i);
+  }
+  return v + (x - cur) * at(s, i + 1);
+}
+}  // namespace
+
+Ref Model::special(const Node& n, const std::vector<Ref>& k) const {
+  const bool isInt = n.kind == KIntArg;
+  if (n.op == OElement) {  // only the chosen element is read
+    const bool values = n.array >= ANumValues;
+    const long size = values ? (long)n.numbers.size() : (long)k.size() - 1;
+    Ref r = opaque(0, isInt, k[0], number(0));
+    Tri every = Yes;
+    for (long i = 0; i < size; ++i) {
+      const double e = values ? n.numbers[(std::size_t)i] : value(k[(std::size_t)i + 1]);
+      every = both(every, values ? tri(integralNumber(e)) : integral(k[(std::size_t)i + 1]));
+      r.mag = std::max(r.mag, values ? finite(e) : k[(std::size_t)i + 1].mag);
+    }
+    if (!isInt) r.integer = every;
+    if (r.throws) return r;
+    const double index = value(k[0]);
+    const long i = std::fabs(index) < 1e15 ? (long)index : -1;
+    if (i < 0 || i >= size) {
+      r.throws = true;
+      return r;
+    }
+    if (values) {
+      r.v = n.numbers[(std::size_t)i];
+      return r;
+    }
+    const Ref& e = k[(std::size_t)i + 1];
+    r.throws = e.throws;
+    r.v = e.throws ? 0 : value(e);
+    r.approx = r.approx || !e.exact();
+    return r;
+  }
+  if (n.op == OCount || n.op == OStdDev) {  // every element is read
+    Ref r = opaque(0, isInt, number(0), number(0));
+    r.integer = tri(isInt);
+    r.throws = k.empty();
+    double sum = 0, count = 0;
+    for (const Ref& e : k) {
+      r.throws = r.throws || e.throws;
+      r.approx = r.approx || !e.exact();
+      r.mag = std::max(r.mag, e.mag);
+      sum += value(e);
+      count += value(e) == n.num;
+    }
+    if (n.op == OCount) {
+      r.fragile = r.approx;  // an equality the reference cannot decide
+      r.mag = std::max(r.mag, (double)k.size());
+    }
+    if (r.throws) return r;
+    if (n.op == OCount) {
+      r.v = count;
+      return r;
+    }
+    const double mean = sum / (double)k.size();  // two passes: the mean, then the squares
+    double squares = 0;
+    for (const Ref& e : k) squares += (value(e) - mean) * (value(e) - mean);
+    r.v = std::sqrt(squares / (double)k.size());
+    return r;
+  }
+  if (n.op == OPiecewise) {
+    const Ref& x = k[0];
+    Ref r = opaque(x.throws ? 0 : piecewise(n, value(x)), false, x, number(0));
+    r.integer = No;
+    for (double d : n.numbers) r.mag = std::max(r.mag, finite(d));
+    for (double d : n.numbers2) r.mag = std::max(r.mag, finite(d));
+    r.mag = std::max({r.mag, finite(n.num), finite(n.num2)});
+    r.mag += r.mag * r.mag * (double)(n.numbers.size() + 1);  // a sum of products along the walk
+    probe(r, {&x}, {value(x)}, [&n](const std::vector<double>& v) { return piecewise(n, v[0]); });
+    return r;
+  }
+  // conditional: only a condition of exactly 1 is true; only the chosen branch is read
+  const Ref cond = n.form == 0 ? k[2] : number(n.form == 1 ? 1.0 : 0.0);
+  const double c = value(cond);
+  Ref r = opaque(0, isInt, cond, number(0));
+  r.integer = tri(isInt);
+  r.mag = std::max({r.mag, k[0].mag, k[1].mag});
+  if (r.throws) return r;
+  const Ref& chosen = c == 1.0 ? k[0] : k[1];
+  r.throws = chosen.throws;
+  r.v = chosen.throws ? 0 : value(chosen);
+  r.approx = r.approx || !chosen.exact();
+  const double then = value(k[0]), otherwise = value(k[1]);
+  probe(r, {&cond}, {c}, [then, otherwise](const std::vector<double>& v) { return v[0] == 1.0 ? then : otherwise; });
   return r;
 }
 

@@ -51,6 +51,11 @@ TAV_FUZZ_OP(AddTo, a += b)
 TAV_FUZZ_OP(SubFrom, a -= b)
 TAV_FUZZ_OP(MulBy, a *= b)
 TAV_FUZZ_OP(DivBy, a /= b)
+// The monotonic builders over one function each, so that a row can call them.
+double cube(double v) { return v * v * v; }
+double negExp(double v) { return -std::exp(v); }
+TavNumExprArg IncreasingCube(const TavNumExprArg& x) { return TavMonotonicIncreasingNumExpr(x, cube, nullptr); }
+TavNumExprArg DecreasingNegExp(const TavNumExprArg& x) { return TavMonotonicDecreasingNumExpr(x, negExp, cube); }
 // One per row of the function table, named after builder, shape and operand.
 #define TAV_FUZZ_ARGS_FUnary(F) ((void)b, F(a))
 #define TAV_FUZZ_ARGS_FBinary(F) F(a, b)
@@ -186,6 +191,9 @@ struct Runner {
   TavNumVarArray argVars;
   TavNumArray argCoefs;
 
+  TavConstraint yes{new (env.getImpl()) TavConstConstraintI(env.getImpl(), nullptr, 1)};
+  TavConstraint no{new (env.getImpl()) TavConstConstraintI(env.getImpl(), nullptr, 0)};
+
   explicit Runner(const Program& prog) : p(prog) {
     for (int v = 0; v < (int)p.values.size(); ++v) {
       if (v < p.numVars) vars.push_back(TavNumVar(env, -100, 100));
@@ -220,22 +228,96 @@ struct Runner {
       Val t = exec(n.kids[0]);
       return callRow<Add>(t, t);
     }
+    if (n.op >= OElement) return special(n);
     if (n.op >= OMinArr && n.op != OCall) return aggregate(n);
     Val a = exec(n.kids[0]);
     Val b = n.kids.size() > 1 ? exec(n.kids[1]) : Val(0.0);
     return n.op == OCall ? Calls[n.fn].call(a, b) : Rows[n.op].call(a, b);
   }
+  /// Ends a local array however its scope is left (a builder may throw).
+  template <class Arr>
+  struct Local {
+    Arr a;
+    ~Local() { a.end(); }
+  };
   template <class Arr>
   Arr fill(const std::vector<Node>& kids, std::size_t from, std::size_t to) {
-    Arr a(env);
+    Local<Arr> a{Arr(env)};
     for (std::size_t i = from; i < to; ++i) {
       Val v = exec(kids[i]);
       std::visit([&a](auto& x) {
-        if constexpr (CanAdd<Arr, std::decay_t<decltype(x)>>::value) a.add(x);
+        if constexpr (CanAdd<Arr, std::decay_t<decltype(x)>>::value) a.a.add(x);
         else throw std::logic_error("bad array element");
       }, v);
     }
-    return a;
+    return std::exchange(a.a, Arr());
+  }
+  /// The handle A that the value converts to (an operand of a builder).
+  template <class A>
+  static A as(Val v) {
+    return std::visit([](auto& x) -> A {
+      if constexpr (std::is_convertible_v<decltype(x), A> && !std::is_arithmetic_v<std::decay_t<decltype(x)>>) return x;
+      else throw std::logic_error("bad operand");
+    }, v);
+  }
+  template <class Arr, class Number>
+  Arr numbers(const std::vector<double>& v) {
+    Local<Arr> a{Arr(env)};
+    for (double d : v) a.a.add((Number)d);
+    return std::exchange(a.a, Arr());
+  }
+  template <class Arr>
+  Arr elements(const Node& n) {
+    if constexpr (std::is_same_v<Arr, TavNumArray>) return numbers<Arr, double>(n.numbers);
+    else if constexpr (std::is_same_v<Arr, TavIntArray>) return numbers<Arr, TavInt>(n.numbers);
+    else return fill<Arr>(n.kids, 1, n.kids.size());
+  }
+  template <class Arr>
+  Val elementOf(const Node& n) {
+    Local<Arr> a{elements<Arr>(n)};
+    const TavIntExprArg index = as<TavIntExprArg>(exec(n.kids[0]));
+    return n.form ? Val(a.a[index]) : Val(TavElement(a.a, index));
+  }
+  template <class Arr>
+  Val overInts(const Node& n) {
+    Local<Arr> a{fill<Arr>(n.kids, 0, n.kids.size())};
+    if (n.op == OCount) return TavCount(a.a, (TavInt)n.num);
+    return n.form ? TavStandardDeviation(a.a, n.num, n.num2) : TavStandardDeviation(a.a);
+  }
+  template <class Node_, class Handle, class Number>
+  Val conditional(const Node& n) {
+    TavNumExprI* cond = n.form == 1 ? yes.getImpl() : n.form == 2 ? no.getImpl() : as<TavNumExprArg>(exec(n.kids[2])).getImpl();
+    auto branch = [this](const Node& b) { return as<Handle>(exec(b)).getImpl(); };
+    TavEnvI* e = ei();
+    if (n.thenNumber && n.elseNumber) return Handle(new (e) Node_(e, cond, (Number)n.kids[0].num, (Number)n.kids[1].num));
+    if (n.thenNumber) return Handle(new (e) Node_(e, cond, (Number)n.kids[0].num, branch(n.kids[1])));
+    if (n.elseNumber) return Handle(new (e) Node_(e, cond, branch(n.kids[0]), (Number)n.kids[1].num));
+    return Handle(new (e) Node_(e, cond, branch(n.kids[0]), branch(n.kids[1])));
+  }
+  Val special(const Node& n) {
+    switch (n.op) {
+      case OElement:
+        switch (n.array) {
+          case ANumExpr: return elementOf<TavNumExprArray>(n);
+          case AIntExpr: return elementOf<TavIntExprArray>(n);
+          case ANumVar: return elementOf<TavNumVarArray>(n);
+          case AIntVar: return elementOf<TavIntVarArray>(n);
+          case ANumValues: return elementOf<TavNumArray>(n);
+          case AIntValues: return elementOf<TavIntArray>(n);
+        }
+        break;
+      case OCount:
+      case OStdDev: return n.array == AIntVar ? overInts<TavIntVarArray>(n) : overInts<TavIntExprArray>(n);
+      case OPiecewise: {
+        Local<TavNumArray> p{numbers<TavNumArray, double>(n.numbers)}, v{numbers<TavNumArray, double>(n.numbers2)};
+        const TavNumExprArg x = as<TavNumExprArg>(exec(n.kids[0]));
+        return n.form ? TavPiecewiseLinear(x, p.a, v.a, n.num, n.num2) : TavPiecewiseLinear(x, n.num, p.a, v.a, n.num2);
+      }
+      default:
+        return n.kind == KIntArg ? conditional<TavConditionalIntExprI, TavIntExprArg, TavInt>(n)
+                                 : conditional<TavConditionalNumExprI, TavNumExprArg, double>(n);
+    }
+    throw std::logic_error("bad special node");
   }
   template <class Arr>
   Val reduce(const Node& n) {
@@ -274,6 +356,7 @@ struct Runner {
         case AIntVar:
           return n.intNumbers ? scalVars<TavIntVarArray, TavIntArray, TavInt>(n)
                               : scalVars<TavIntVarArray, TavNumArray, double>(n);
+        default: break;
       }
     }
     switch (n.array) {
@@ -281,8 +364,9 @@ struct Runner {
       case AIntExpr: return reduce<TavIntExprArray>(n);
       case ANumVar: return reduce<TavNumVarArray>(n);
       case AIntVar: return reduce<TavIntVarArray>(n);
+      default: break;
     }
-    return Val();
+    throw std::logic_error("bad aggregate");
   }
 
   /// A new counted handle H on x; a counted x gives a new reference, not a plain copy.
@@ -538,7 +622,7 @@ struct Runner {
 
   std::string go() {
     const TavInt baseline = ei()->getLiveObjectCount();
-    if (baseline != (TavInt)vars.size()) return "the variables alone are " + std::to_string(baseline) + " objects";
+    if (baseline != (TavInt)vars.size() + 2) return "the variables and constraints alone are " + std::to_string(baseline) + " objects";
     for (std::size_t k = 0; k < p.stmts.size(); ++k) {
       std::string err = step(p.stmts[k]);
       if (err.empty()) err = check();
