@@ -198,11 +198,12 @@ struct Gen {
       else n.kids.push_back(n.array == ANumVar || n.array == AIntVar ? var(intArray) : operand(depth, intArray));
     }
   }
-  /// Sorted breakpoints, some equal (the jumps of the slope form).
+  /// Breakpoints, some equal (the jumps of the slope form); now and then
+  /// unsorted, which the library walks instead of bisecting.
   std::vector<double> breakpoints(int size) {
     std::vector<double> p;
     for (int i = 0; i < size; ++i) p.push_back(i > 0 && pick(5) == 0 ? p.back() : (pick(33) - 16) / 4.0);
-    std::sort(p.begin(), p.end());
+    if (pick(8)) std::sort(p.begin(), p.end());
     return p;
   }
   /// An element, count, deviation, piecewise or conditional node; false when
