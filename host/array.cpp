@@ -142,9 +142,14 @@ void TavExtractableArray::removeMarked() {
 
 void TavExtractableArray::replaceByClone(TavEnvI* env) {
   TavExtractableArray clones(TavEnv(env), 0);
-  for (TavInt i = 0; i < getSize(); ++i) {
-    TavExtractableI* e = _impl->at(i).obj;
-    clones.addObject(e ? env->getClone(e) : nullptr);
+  try {
+    for (TavInt i = 0; i < getSize(); ++i) {
+      TavExtractableI* e = _impl->at(i).obj;
+      clones.addObject(e ? env->getClone(e) : nullptr);
+    }
+  } catch (...) {
+    clones.end();  // the handle keeps its array
+    throw;
   }
   _impl = clones._impl;
 }

@@ -102,6 +102,25 @@ TEST(HostAlone, AFailedAllocationLeavesTheArrayAndTheCountersAsTheyWere) {
   EXPECT_EQ(ei->getMemory().getLiveBytes(), bytes);
   ints.add(7);
   EXPECT_EQ(ints[16], 7);
+
+  // Replacing an array by its clones builds the new array in the target
+  // environment: a failure there gives back what it took.
+  TavEnv other;
+  TavEnvI* oi = other.getImpl();
+  TavExtractableArray objects(env, 300);
+  TavArrayI* const before = objects.getImpl();
+  const std::size_t otherBytes = oi->getMemory().getLiveBytes();
+  for (TavInt k = 1; objects.getImpl() == before; ++k) {
+    oi->getMemory().failAfter(k);
+    try {
+      objects.replaceByClone(oi);
+    } catch (const std::bad_alloc&) {
+      EXPECT_EQ(oi->getMemory().getLiveBytes(), otherBytes) << "failing allocation " << k;
+    }
+    oi->getMemory().failAfter(0);
+  }
+  EXPECT_EQ(objects.getSize(), 300);
+  other.end();
   env.end();
 }
 
