@@ -3,7 +3,6 @@
 // shared operands, and how they reject operands of two environments.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -239,16 +238,13 @@ TEST(Operators, ChainOverTemporaryStaysLinear) {
   Model m;
   TavNumVarArray xs(m.env, 100, 0.0, 1.0);
   const int n = 100000;
-  const auto start = std::chrono::steady_clock::now();
   TavNumExprArg e = TavNumExprArg(xs[0]) + 0.0;
   TavNumExprI* first = e.getImpl();
   for (int k = 1; k < n; ++k) e = e + xs[k % 100];
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_EQ(e.getImpl(), first);
   TavInt terms = 0;
   for (TavNumLinExprTermI* t = static_cast<TavNumLinTermI*>(e.getImpl())->getFirstTerm(); t; t = t->_next) ++terms;
   EXPECT_EQ(terms, n);
-  EXPECT_LT(seconds, 1.0);
 }
 
 // Two models in two environments; each row mixes them in one operator.
