@@ -111,119 +111,86 @@ using tav_detail::envOf;
 using tav_detail::needAll;
 
 namespace {
-/// Bounds are read for every index below n: each bounds array must be at
-/// least that long, checked before anything is made.
-template <class... A>
-void needLength(TavInt n, const char* message, const A&... bounds) {
-  if (((bounds.getSize() < n) || ...)) throw TavWrongUsage(message, 0);
-}
-
 const char* const NumPairMessage = "TavNumVarArray::TavNumVarArray: bounds arrays of different size";
 const char* const NumColumnMessage = "TavNumVarArray::TavNumVarArray: bounds arrays shorter than the column array";
 const char* const IntPairMessage = "TavIntVarArray::TavIntVarArray: bounds arrays of different size";
 const char* const IntColumnMessage = "TavIntVarArray::TavIntVarArray: bounds arrays shorter than the column array";
 
-/// An array of env filled with make(i) for i in [0, n); everything made so
-/// far is ended if one creation fails.
-template <class Array, class Make>
-TavArrayI* build(TavEnvI* env, TavInt n, Make make) {
-  Array a(TavEnv(env), 0);
-  try {
-    for (TavInt i = 0; i < n; ++i) {
-      TavExtractableI* made = make(i);
-      try {
-        a.addObject(made);
-      } catch (...) {
-        if (made) made->end();
-        throw;
-      }
-    }
-  } catch (...) {
-    a.endElements();
-    a.end();
-    throw;
-  }
-  return a.getImpl();
-}
-
-/// Per column: null for an empty one, else make(column, i).
-template <class Array, class Make>
-TavArrayI* fromColumns(TavEnvI* env, TavNumColumnArray cols, Make make) {
-  needAll(cols);
-  return build<Array>(env, cols.getSize(), [&](TavInt i) -> TavNumVarI* {
-    TavNumColumn c = cols[i];
-    return c.isEmpty() ? nullptr : make(c, i);
-  });
-}
 }  // namespace
 
+void tav_detail::uninstall(TavAddExtractableI* column, TavExtractableI* var) {
+  TavExtractableArray record = column->getInstalled();
+  const TavInt n = record.getImpl() ? record.getSize() : 0;
+  if (n > 0 && record.getObject(n - 1) == var) record.remove(n - 1);
+}
+
 TavNumVarArray::TavNumVarArray(TavEnv env, TavInt n, double lb, double ub, TavNumVar::Type type)
-    : TavHandleArray(build<TavNumVarArray>(envOf(env), n, [&](TavInt) {
+    : TavHandleArray(tav_detail::buildArray<TavNumVarArray>(envOf(env), n, [&](TavInt) {
         return new (env.getImpl()) TavNumVarI(env.getImpl(), type, lb, ub);
       })) {}
 
 TavNumVarArray::TavNumVarArray(TavEnv env, TavNumArray lbs, TavNumArray ubs, TavNumVar::Type type)
-    : TavHandleArray((needAll(lbs, ubs), needLength(lbs.getSize(), NumPairMessage, ubs),
-                      build<TavNumVarArray>(envOf(env), lbs.getSize(), [&](TavInt i) {
+    : TavHandleArray((needAll(lbs, ubs), tav_detail::needLength(lbs.getSize(), NumPairMessage, ubs),
+                      tav_detail::buildArray<TavNumVarArray>(envOf(env), lbs.getSize(), [&](TavInt i) {
                         return new (env.getImpl()) TavNumVarI(env.getImpl(), type, lbs[i], ubs[i]);
                       }))) {}
 
 TavNumVarArray::TavNumVarArray(TavEnv env, double lb, TavNumArray ubs, TavNumVar::Type type)
-    : TavHandleArray((needAll(ubs), build<TavNumVarArray>(envOf(env), ubs.getSize(), [&](TavInt i) {
+    : TavHandleArray((needAll(ubs), tav_detail::buildArray<TavNumVarArray>(envOf(env), ubs.getSize(), [&](TavInt i) {
                         return new (env.getImpl()) TavNumVarI(env.getImpl(), type, lb, ubs[i]);
                       }))) {}
 
 TavNumVarArray::TavNumVarArray(TavEnv env, TavNumArray lbs, double ub, TavNumVar::Type type)
-    : TavHandleArray((needAll(lbs), build<TavNumVarArray>(envOf(env), lbs.getSize(), [&](TavInt i) {
+    : TavHandleArray((needAll(lbs), tav_detail::buildArray<TavNumVarArray>(envOf(env), lbs.getSize(), [&](TavInt i) {
                         return new (env.getImpl()) TavNumVarI(env.getImpl(), type, lbs[i], ub);
                       }))) {}
 
 TavNumVarArray::TavNumVarArray(TavEnv env, TavNumColumnArray cols, TavNumVar::Type type)
-    : TavHandleArray(fromColumns<TavNumVarArray>(envOf(env), cols, [&](TavNumColumn c, TavInt) {
+    : TavHandleArray(tav_detail::fromColumns<TavNumVarArray>(envOf(env), cols, [&](TavNumColumn c, TavInt) {
         return TavNumVar(c, 0.0, TavGetInfinity(), type).getImpl();
       })) {}
 
 TavNumVarArray::TavNumVarArray(TavEnv env, TavNumColumnArray cols, TavNumArray lbs, TavNumArray ubs,
                                TavNumVar::Type type)
-    : TavHandleArray((needAll(cols, lbs, ubs), needLength(cols.getSize(), NumColumnMessage, lbs, ubs),
-                      fromColumns<TavNumVarArray>(envOf(env), cols, [&](TavNumColumn c, TavInt i) {
+    : TavHandleArray((needAll(cols, lbs, ubs), tav_detail::needLength(cols.getSize(), NumColumnMessage, lbs, ubs),
+                      tav_detail::fromColumns<TavNumVarArray>(envOf(env), cols, [&](TavNumColumn c, TavInt i) {
                         return TavNumVar(c, lbs[i], ubs[i], type).getImpl();
                       }))) {}
 
 TavIntVarArray::TavIntVarArray(TavEnv env, TavInt n, TavInt lb, TavInt ub)
-    : TavHandleArray(build<TavIntVarArray>(envOf(env), n, [&](TavInt) {
+    : TavHandleArray(tav_detail::buildArray<TavIntVarArray>(envOf(env), n, [&](TavInt) {
         return new (env.getImpl()) TavNumVarI(env.getImpl(), (double)lb, (double)ub, TavNumVar::Int);
       })) {}
 
 TavIntVarArray::TavIntVarArray(TavEnv env, TavIntArray lbs, TavIntArray ubs)
-    : TavHandleArray((needAll(lbs, ubs), needLength(lbs.getSize(), IntPairMessage, ubs),
-                      build<TavIntVarArray>(envOf(env), lbs.getSize(), [&](TavInt i) {
+    : TavHandleArray((needAll(lbs, ubs), tav_detail::needLength(lbs.getSize(), IntPairMessage, ubs),
+                      tav_detail::buildArray<TavIntVarArray>(envOf(env), lbs.getSize(), [&](TavInt i) {
                         return new (env.getImpl()) TavNumVarI(env.getImpl(), (double)lbs[i], (double)ubs[i], TavNumVar::Int);
                       }))) {}
 
 TavIntVarArray::TavIntVarArray(TavEnv env, TavInt lb, TavIntArray ubs)
-    : TavHandleArray((needAll(ubs), build<TavIntVarArray>(envOf(env), ubs.getSize(), [&](TavInt i) {
+    : TavHandleArray((needAll(ubs), tav_detail::buildArray<TavIntVarArray>(envOf(env), ubs.getSize(), [&](TavInt i) {
                         return new (env.getImpl()) TavNumVarI(env.getImpl(), (double)lb, (double)ubs[i], TavNumVar::Int);
                       }))) {}
 
 TavIntVarArray::TavIntVarArray(TavEnv env, TavIntArray lbs, TavInt ub)
-    : TavHandleArray((needAll(lbs), build<TavIntVarArray>(envOf(env), lbs.getSize(), [&](TavInt i) {
+    : TavHandleArray((needAll(lbs), tav_detail::buildArray<TavIntVarArray>(envOf(env), lbs.getSize(), [&](TavInt i) {
                         return new (env.getImpl()) TavNumVarI(env.getImpl(), (double)lbs[i], (double)ub, TavNumVar::Int);
                       }))) {}
 
 TavIntVarArray::TavIntVarArray(TavEnv env, TavNumColumnArray cols)
-    : TavHandleArray(fromColumns<TavIntVarArray>(envOf(env), cols, [](TavNumColumn c, TavInt) {
+    : TavHandleArray(tav_detail::fromColumns<TavIntVarArray>(envOf(env), cols, [](TavNumColumn c, TavInt) {
         return TavIntVar(c, 0, TavIntMaxExact).getImpl();
       })) {}
 
 TavIntVarArray::TavIntVarArray(TavEnv env, TavNumColumnArray cols, TavNumArray lbs, TavNumArray ubs)
-    : TavHandleArray((needAll(cols, lbs, ubs), needLength(cols.getSize(), IntColumnMessage, lbs, ubs),
-                      fromColumns<TavIntVarArray>(envOf(env), cols, [&](TavNumColumn c, TavInt i) {
+    : TavHandleArray((needAll(cols, lbs, ubs), tav_detail::needLength(cols.getSize(), IntColumnMessage, lbs, ubs),
+                      tav_detail::fromColumns<TavIntVarArray>(envOf(env), cols, [&](TavNumColumn c, TavInt i) {
                         return TavIntVar(c, TavTrunc(lbs[i]), TavTrunc(ubs[i])).getImpl();
                       }))) {}
 
 TavBoolVarArray::TavBoolVarArray(TavEnv env, TavNumColumnArray cols)
-    : TavHandleArray(fromColumns<TavBoolVarArray>(envOf(env), cols, [](TavNumColumn c, TavInt) {
+    : TavHandleArray(tav_detail::fromColumns<TavBoolVarArray>(envOf(env), cols, [](TavNumColumn c, TavInt) {
         return TavBoolVar(TavNumVar(c, 0.0, 1.0, TavNumVar::Bool)).getImpl();
       })) {}
 

@@ -200,4 +200,61 @@ class TavSetNumVarArrayBounds : public TavChangeNode<TavSetNumVarArrayBounds> {
   TavArrayI* _ubs;
 };
 
+namespace tav_detail {
+/// Bounds are read for every index below n: each bounds array must be at
+/// least that long, checked before anything is made.
+template <class... A>
+void needLength(TavInt n, const char* message, const A&... bounds) {
+  if (((bounds.getSize() < n) || ...)) throw TavWrongUsage(message, 0);
+}
+
+/// Takes var out of the column's record again when the record ends with it,
+/// so that a failed array leaves no column naming a destroyed variable.
+void uninstall(TavAddExtractableI* column, TavExtractableI* var);
+
+/// An array of env filled with make(i) for i in [0, n) (null allowed). When
+/// one creation fails, the variables made so far are ended, the last first,
+/// each after undo(i, var).
+template <class Array, class Make, class Undo>
+TavArrayI* buildArray(TavEnvI* env, TavInt n, Make make, Undo undo) {
+  Array a(TavEnv(env), 0);
+  try {
+    for (TavInt i = 0; i < n; ++i) {
+      auto* made = make(i);
+      try {
+        a.addObject(made);
+      } catch (...) {
+        if (made) undo(i, made), made->end();
+        throw;
+      }
+    }
+  } catch (...) {
+    for (TavInt i = a.getSize() - 1; i >= 0; --i)
+      if (auto* v = a.getElement(i)) undo(i, v), v->end();
+    a.end();
+    throw;
+  }
+  return a.getImpl();
+}
+template <class Array, class Make>
+TavArrayI* buildArray(TavEnvI* env, TavInt n, Make make) {
+  return buildArray<Array>(env, n, make, [](TavInt, TavExtractableI*) {});
+}
+
+/// Per column: null for an empty one, else make(column, i), which installs
+/// the variable into the column; a failure takes the variables made so far
+/// out of their columns again.
+template <class Array, class Make>
+TavArrayI* fromColumns(TavEnvI* env, TavNumColumnArray cols, Make make) {
+  needAll(cols);
+  return buildArray<Array>(
+      env, cols.getSize(),
+      [&](TavInt i) -> decltype(make(TavNumColumn(), i)) {
+        TavNumColumn c = cols[i];
+        return c.isEmpty() ? nullptr : make(c, i);
+      },
+      [&](TavInt i, TavExtractableI* v) { uninstall(cols[i].getImpl(), v); });
+}
+}  // namespace tav_detail
+
 #endif

@@ -16,6 +16,7 @@
 #ifndef TAVEXPRESSION_H
 #define TAVEXPRESSION_H
 
+#include "any.h"
 #include "array.h"
 #include "base.h"
 #include "domain.h"
@@ -38,5 +39,8 @@
 #include "constraints.h"
 #include "conditional.h"
 #include "element.h"
+#include "semicont.h"
+#include "conversion.h"
+#include "submap.h"
 
 #endif

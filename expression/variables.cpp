@@ -6,6 +6,7 @@
 
 #include "checks.h"
 #include "constraints.h"
+#include "semicont.h"
 
 using tav_detail::envOf;
 
@@ -70,17 +71,6 @@ TavVarDomainI* intValuesDomain(TavEnvI* env, TavIntArray values, TavNumVar::Type
     copy.end();
     throw;
   }
-}
-
-/// Installs a new variable into its column; the variable goes if that fails.
-TavNumVarI* installed(const TavAddNumVar& column, TavNumVarI* var) {
-  try {
-    column.install(var);
-  } catch (...) {
-    var->end();
-    throw;
-  }
-  return var;
 }
 
 }  // namespace
@@ -294,16 +284,19 @@ TavNumVar::TavNumVar(TavEnv env, double lb, double ub, Type type, const char* na
 TavNumVar::TavNumVar(TavEnv env, double lb, double ub, const char* name) : TavNumVar(env, lb, ub, Float, name) {}
 
 TavNumVar::TavNumVar(const TavAddNumVar& column, double lb, double ub, Type type, const char* name)
-    : TavVarHandle(installed(column, new (envOf(column)) TavNumVarI(envOf(column), type, lb, ub, name))) {}
+    : TavVarHandle(tav_detail::installed(column, new (envOf(column)) TavNumVarI(envOf(column), type, lb, ub, name))) {}
 
 TavNumVar::TavNumVar(const TavAddNumVar& column, TavNumArray values, Type type, const char* name)
-    : TavVarHandle(installed(column, new (envOf(column)) TavNumVarI(envOf(column), values, type, name))) {}
+    : TavVarHandle(tav_detail::installed(column, new (envOf(column)) TavNumVarI(envOf(column), values, type, name))) {}
 
 TavNumVar::TavNumVar(TavNumRange range, const char* name)
     : TavVarHandle(new (envOf(range)) TavNumVarI(range.getImpl(), name)) {}
 
 TavNumVar::TavNumVar(TavEnv env, TavNumArray values, Type type, const char* name)
     : TavVarHandle(new (envOf(env)) TavNumVarI(env.getImpl(), values, type, name)) {}
+
+TavNumVar::TavNumVar(TavConstraint ct)
+    : TavVarHandle(new (envOf(ct)) TavConstraintIndVarI(envOf(ct), ct.getImpl())) {}
 
 double TavNumVar::getLB() const { return getImpl()->getLB(); }
 double TavNumVar::getUB() const { return getImpl()->getUB(); }
@@ -408,11 +401,11 @@ TavIntVar::TavIntVar(TavEnv env, TavIntArray values, const char* name)
     : TavVarHandle(new (envOf(env)) TavNumVarI(env.getImpl(), values, TavNumVar::Int, name)) {}
 
 TavIntVar::TavIntVar(const TavAddNumVar& column, TavInt lb, TavInt ub, const char* name)
-    : TavVarHandle(installed(
+    : TavVarHandle(tav_detail::installed(
           column, new (envOf(column)) TavNumVarI(envOf(column), (double)lb, (double)ub, TavNumVar::Int, name))) {}
 
 TavIntVar::TavIntVar(const TavAddNumVar& column, TavIntArray values, const char* name)
-    : TavVarHandle(installed(column, new (envOf(column)) TavNumVarI(envOf(column), values, TavNumVar::Int, name))) {}
+    : TavVarHandle(tav_detail::installed(column, new (envOf(column)) TavNumVarI(envOf(column), values, TavNumVar::Int, name))) {}
 
 TavIntVar::TavIntVar(const TavNumVar& var) : TavVarHandle(checkedIntVar(var)) {}
 
@@ -459,7 +452,7 @@ TavNumVarI* columnBoolVar(const TavAddNumVar& column, const char* name) {
     domain->end(env);
     throw;
   }
-  return installed(column, var);
+  return tav_detail::installed(column, var);
 }
 }  // namespace
 

@@ -4,15 +4,12 @@
 #ifndef TAV_EXPRESSION_VARIABLES_H
 #define TAV_EXPRESSION_VARIABLES_H
 
+#include "any.h"
 #include "checks.h"
 #include "handles.h"
 #include "storage.h"
 
-/// An array of arbitrary objects, coded as integers.
-class TavAnyArray : public TavIntArray {
- public:
-  using TavIntArray::TavIntArray;
-};
+class TavConstraint;
 
 /// What every variable handle has beside its kind's own members: the
 /// implementation, the name and the identifier (and `end` from Arg).
@@ -45,6 +42,9 @@ class TavNumVar : public TavVarHandle<TavNumExprArg> {
   TavNumVar(TavNumRange range, const char* name = nullptr);
   /// A variable taking one of the values.
   TavNumVar(TavEnv env, TavNumArray values, Type type = Float, const char* name = nullptr);
+  /// A new 0-1 integer variable standing for the constraint's truth
+  /// (TavConstraintIndVarI). Explicit: every conversion would make a new one.
+  explicit TavNumVar(TavConstraint ct);
 
   double getLB() const;
   double getUB() const;
@@ -217,8 +217,6 @@ class TavSetNumVarPossibleValues : public TavChangeNode<TavSetNumVarPossibleValu
   TavArrayI* _ints;
 };
 
-class TavConstraint;
-
 /// A ready algorithm that holds values set by the user.
 class TavSolutionI : public TavAlgorithmI {
  public:
@@ -276,6 +274,17 @@ inline bool isIntLin(const TavNumExprI* e) { return e->isType(TavIntLinTermI::Ge
 /// The numeric form of an integer linear node, which is left as it is: a
 /// handle may still read it, so even a temporary waits for env.end().
 inline TavNumLinTermI* numFromInt(TavNumExprI* e) { return static_cast<TavIntLinTermI*>(e)->toNumLinTermI(); }
+/// Installs a new variable into its column; the variable goes if that fails.
+template <class Var>
+Var* installed(const TavAddNumVar& column, Var* var) {
+  try {
+    column.install(var);
+  } catch (...) {
+    var->end();
+    throw;
+  }
+  return var;
+}
 }  // namespace tav_detail
 
 #endif

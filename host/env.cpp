@@ -36,6 +36,7 @@ void TavExtractableVisitor::beginVisit(TavExtractableI*) {}
 void TavExtractableVisitor::visitChild(TavExtractableI*, TavExtractableI*) {}
 void TavExtractableVisitor::endVisit(TavExtractableI*) {}
 void TavChangeVisitor::visitChild(TavExtractableI*, TavExtractableI*) {}
+void TavChangeVisitor::visitConversionRemoveVar(TavConversionI*, TavNumVarI*) {}
 
 // ---------------------------------------------------------------- extractables
 

@@ -33,6 +33,7 @@ class TavNumRangeI;
 class TavIntRangeI;
 class TavModelEvaluator;
 class TavTupleEncoderI;
+class TavConversionI;
 
 /// Assigns a class's type index on first request: the test is repeated under
 /// a lock (and TavEnvI::Mutex when set), so indices follow the order of first
@@ -107,6 +108,8 @@ class TavChangeVisitor {
  public:
   virtual ~TavChangeVisitor() = default;
   virtual void visitChild(TavExtractableI* parent, TavExtractableI* child);
+  /// A variable left a conversion (TavConversionRemoveVar); does nothing by default.
+  virtual void visitConversionRemoveVar(TavConversionI* conversion, TavNumVarI* var);
 };
 
 /// Root of all model objects: environment, dense identifier, name.
