@@ -569,12 +569,14 @@ struct Printer {
 std::string Program::print() const {
   std::ostringstream os;
   os << "TavEnv env;\n";
-  for (int v = 0; v < (int)values.size(); ++v) {
-    if (v < numVars) os << "TavNumVar " << varName(v) << "(env, -100, 100);\n";
-    else if (v < numVars + intVars) os << "TavIntVar " << varName(v) << "(env, -100, 100);\n";
+  os << "TavConstraint yes(new (env) TavConstConstraintI(env, 0, 1)), no(new (env) TavConstConstraintI(env, 0, 0));\n";
+  for (int v = 0; v < (int)values.size(); ++v) {  // the variables read the same whatever their kind
+    const int b = v - numVars - intVars;
+    if (v < numVars) os << (v % 2 ? "TavSemiContVar " : "TavNumVar ") << varName(v) << (v % 2 ? "(env, 0.5, 100);\n" : "(env, -100, 100);\n");
+    else if (b < 0) os << "TavIntVar " << varName(v) << "(env, -100, 100);\n";
+    else if (b % 2) os << "TavNumVar " << varName(v) << (b % 4 == 1 ? "(yes);  // the constraint's indicator\n" : "(no);\n");
     else os << "TavBoolVar " << varName(v) << "(env);\n";
   }
-  os << "TavConstraint yes(new (env) TavConstConstraintI(env, 0, 1)), no(new (env) TavConstConstraintI(env, 0, 0));\n";
   os << "TavSolution sol(env);\n";
   for (int v = 0; v < (int)values.size(); ++v) os << "sol.setValue(" << varName(v) << ", " << values[v] << ");\n";
   const Printer pr{*this};

@@ -195,10 +195,11 @@ struct Runner {
   TavConstraint no{new (env.getImpl()) TavConstConstraintI(env.getImpl(), nullptr, 0)};
 
   explicit Runner(const Program& prog) : p(prog) {
-    for (int v = 0; v < (int)p.values.size(); ++v) {
-      if (v < p.numVars) vars.push_back(TavNumVar(env, -100, 100));
-      else if (v < p.numVars + p.intVars) vars.push_back(TavIntVar(env, -100, 100));
-      else vars.push_back(TavBoolVar(env));
+    for (int v = 0; v < (int)p.values.size(); ++v) {  // every other one of another kind, see Program::print
+      const int b = v - p.numVars - p.intVars;
+      if (v < p.numVars) vars.push_back(v % 2 ? TavNumVar(TavSemiContVar(env, 0.5, 100)) : TavNumVar(env, -100, 100));
+      else if (b < 0) vars.push_back(TavIntVar(env, -100, 100));
+      else vars.push_back(b % 2 ? TavNumVar(b % 4 == 1 ? yes : no) : TavNumVar(TavBoolVar(env)));
       sol.setValue(vars.back(), p.values[v]);
     }
   }
