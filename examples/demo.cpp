@@ -30,7 +30,7 @@ void show(const char* label, TavEnv env, const TavNumExprArg& e, TavAlgorithm va
 int main() {
   TavEnv env;
 
-  // Decision variables of the three kinds.
+  // Decision variables of three kinds.
   TavNumVar steel(env, 0, 100, TavNumVar::Float, "steel");
   TavIntVar trucks(env, 0, 8, "trucks");
   TavBoolVar overtime(env, "overtime");
@@ -54,7 +54,27 @@ int main() {
   TavNumExpr load = TavAbs(TavSin(steel / 10.0)) * TavPower(parts[0] + 1, 0.5) + TavExponent(-0.1 * trucks) +
                     TavFloor(steel / 3.0) + TavLog10(parts[1] + 1);
 
+  // Special nodes: a price list read at the number of trucks, how many
+  // parts sit at their upper bound, their spread, and a tiered tariff.
+  TavNumExpr price = TavNumArray(env, {0, 90, 85, 80, 78, 75, 74, 73, 72})[trucks];
+  TavIntVarArray lots(env, 3, 0, 4);
+  for (TavInt i = 0; i < lots.getSize(); ++i) {
+    static const char* names[] = {"lotA", "lotB", "lotC"};
+    lots[i].setName(names[i]);
+  }
+  TavNumExpr full = TavCount(lots, 4) + TavStandardDeviation(lots);
+  TavNumExpr tariff = TavPiecewiseLinear(steel, TavNumArray(env, {20, 50}), TavNumArray(env, {1.0, 1.5, 2.5}), 0, 0);
+  // Variables of the two other kinds: a semi-continuous order (0, or 5 to
+  // 30) and a constraint standing as a 0-1 variable.
+  TavSemiContVar order(env, 5, 30, TavNumVar::Float, "order");
+  TavConstraint ready(new (env.getImpl()) TavConstConstraintI(env.getImpl(), "ready", 1));
+  TavNumVar isReady(ready);
+  TavNumExpr supply = order + 10 * isReady;
+
   TavSolution sol(env);
+  sol.setValue(order, 12);
+  sol.setValue(isReady, 1);
+  for (TavInt i = 0; i < lots.getSize(); ++i) sol.setValue(lots[i], i == 1 ? 2 : 4);
   sol.setValue(steel, 40);
   sol.setValue(trucks, 5);
   sol.setValue(overtime, 1);
@@ -68,12 +88,18 @@ int main() {
   show("trucks left over", env, leftover, sol);
   show("busiest part", env, peak, sol);
   show("load", env, load, sol);
+  show("price per truck", env, price, sol);
+  show("full lots and their spread", env, full, sol);
+  show("tariff", env, tariff, sol);
+  show("supply", env, supply, sol);
 
   // Modifications are reported to every algorithm of the environment.
   Listener listener(env.getImpl());
   std::cout << "set the coefficient of trucks to 150, then the bounds of steel:\n";
   cost.setLinearCoef(trucks, 150);
   steel.setUB(80);
+  order.setSemiContinuousLb(8);
+  TavConversion(env, lots, TavNumVar::Float, "relaxed lots").removeVar(lots[0]);
   std::cout << "  steel is now " << steel << "\n";
   show("cost after the change", env, cost, sol);
 
