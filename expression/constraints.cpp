@@ -9,13 +9,11 @@ TavExtractableI::ObjectHook TavConstraintI::_addToCP = nullptr;
 TavExtractableI::ObjectHook TavConstraintI::_removeFromCP = nullptr;
 
 void TavConstraintI::whenAddedToCP(TavAlgorithm alg, void* data) const {
-  if (_addToCP == nullptr) throw TavAlgorithm::ExtractFailure();
-  _addToCP(alg, this, data);
+  TavRunHook<TavAlgorithm::ExtractFailure>(_addToCP, alg, this, data);
 }
 
 void TavConstraintI::whenRemovedFromCP(TavAlgorithm alg, void* data) const {
-  if (_removeFromCP == nullptr) throw TavAlgorithm::ExtractFailure();
-  _removeFromCP(alg, this, data);
+  TavRunHook<TavAlgorithm::ExtractFailure>(_removeFromCP, alg, this, data);
 }
 
 double TavConstraintI::eval(TavAlgorithm alg) const {

@@ -88,18 +88,13 @@ class TavNode : public TavTyped<Self, Base> {
  public:
   using TavTyped<Self, Base>::TavTyped;
 
-  void* extractToCP(TavAlgorithm alg) const override {
-    if (Self::_extractCP == nullptr) throw TavAlgorithm::ExtractFailure();
-    return Self::_extractCP(alg, this);
-  }
+  void* extractToCP(TavAlgorithm alg) const override { return TavRunHook(Self::_extractCP, alg, this); }
   void unextractFromCP(TavAlgorithm alg, void* obj) const override {
-    if (Self::_unextractCP == nullptr) throw TavAlgorithm::RemoveFailure();
-    Self::_unextractCP(alg, this, obj);
+    TavRunHook<TavAlgorithm::RemoveFailure>(Self::_unextractCP, alg, this, obj);
   }
   /// An unset modify hook fails as a remove failure.
   void modifyCP(TavAlgorithm alg, void* obj) const override {
-    if (Self::_modifyCP == nullptr) throw TavAlgorithm::RemoveFailure();
-    Self::_modifyCP(alg, this, obj);
+    TavRunHook<TavAlgorithm::RemoveFailure>(Self::_modifyCP, alg, this, obj);
   }
 };
 

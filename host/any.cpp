@@ -6,19 +6,14 @@ TavExtractableI::ExtractHook TavAnyExprI::_extractCP = nullptr;
 TavExtractableI::ObjectHook TavAnyExprI::_unextractCP = nullptr;
 TavExtractableI::ObjectHook TavAnyExprI::_modifyCP = nullptr;
 
-void* TavAnyExprI::extractToCP(TavAlgorithm alg) const {
-  if (_extractCP == nullptr) throw TavAlgorithm::ExtractFailure();
-  return _extractCP(alg, this);
-}
+void* TavAnyExprI::extractToCP(TavAlgorithm alg) const { return TavRunHook(_extractCP, alg, this); }
 
 void TavAnyExprI::unextractFromCP(TavAlgorithm alg, void* obj) const {
-  if (_unextractCP == nullptr) throw TavAlgorithm::RemoveFailure();
-  _unextractCP(alg, this, obj);
+  TavRunHook<TavAlgorithm::RemoveFailure>(_unextractCP, alg, this, obj);
 }
 
 void TavAnyExprI::modifyCP(TavAlgorithm alg, void* obj) const {
-  if (_modifyCP == nullptr) throw TavAlgorithm::RemoveFailure();
-  _modifyCP(alg, this, obj);
+  TavRunHook<TavAlgorithm::RemoveFailure>(_modifyCP, alg, this, obj);
 }
 
 void TavAnyExprI::end() {

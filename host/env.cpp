@@ -79,17 +79,12 @@ TavExtractableI* TavExtractableI::makeClone(TavEnvI*) const {
   throw TavNotImplemented("makeClone is not available for this object");
 }
 
-void* TavExtractableI::extractToCP(TavAlgorithm alg) const {
-  if (_extractCP == nullptr) throw TavAlgorithm::ExtractFailure();
-  return _extractCP(alg, this);
-}
+void* TavExtractableI::extractToCP(TavAlgorithm alg) const { return TavRunHook(_extractCP, alg, this); }
 void TavExtractableI::unextractFromCP(TavAlgorithm alg, void* obj) const {
-  if (_unextractCP == nullptr) throw TavAlgorithm::RemoveFailure();
-  _unextractCP(alg, this, obj);
+  TavRunHook<TavAlgorithm::RemoveFailure>(_unextractCP, alg, this, obj);
 }
 void TavExtractableI::modifyCP(TavAlgorithm alg, void* obj) const {
-  if (_modifyCP == nullptr) throw TavAlgorithm::RemoveFailure();
-  _modifyCP(alg, this, obj);
+  TavRunHook<TavAlgorithm::RemoveFailure>(_modifyCP, alg, this, obj);
 }
 
 void TavExtractableI::atRemove(TavExtractableI*, void*) {}

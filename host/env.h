@@ -271,6 +271,18 @@ class TavAlgorithm {
   TavAlgorithmI* _impl;
 };
 
+/// Runs a class's extraction hook for obj; ExtractFailure when the class has none.
+inline void* TavRunHook(TavExtractableI::ExtractHook hook, TavAlgorithm alg, const TavExtractableI* obj) {
+  if (hook == nullptr) throw TavAlgorithm::ExtractFailure();
+  return hook(alg, obj);
+}
+/// Runs a class's object hook for obj with data; Failure when the class has none.
+template <class Failure>
+void TavRunHook(TavExtractableI::ObjectHook hook, TavAlgorithm alg, const TavExtractableI* obj, void* data) {
+  if (hook == nullptr) throw Failure();
+  hook(alg, obj, data);
+}
+
 /// Evaluates integer expressions from values set on it, while active. The
 /// value table and the reader are the host's; the members taking expression
 /// handles forward to the expression layer (TavSetValueIn, TavEvaluateIn).
