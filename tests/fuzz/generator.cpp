@@ -377,6 +377,18 @@ struct Gen {
     if (s.kind == SCopy) s.rhs.kind = KExpr, s.rhs.index = slot;
     if (s.kind != SSetConst && s.kind != SSetCoef && s.kind != SSetCoefs) s.coefs.clear();
     if (s.kind == SSetConst && now.unknown) return end(s);
+    if ((s.kind == SNormalize || s.kind == SSetCoef || s.kind == SSetCoefs) && now.held && now.norm == Yes) {
+      // Normalised, yet with zero cells a bulk change kept: whether a parent
+      // still holds the node (and the edit works on a fresh copy) decides
+      // whether they go, which the reference cannot know.
+      Ref forced = now;
+      forced.norm = No;
+      Model::normalize(forced);
+      bool same = forced.cells.size() == now.cells.size();
+      for (std::size_t i = 0; same && i < now.cells.size(); ++i)
+        same = forced.cells[i].var == now.cells[i].var && forced.cells[i].coef == now.cells[i].coef;
+      if (!same) return end(s);
+    }
     if (s.kind == SSetCoef || s.kind == SSetCoefs || s.kind == SRemove) {
       if (normalized.unknown || now.unknown) return end(s);
       for (int v : s.vars) {  // one cell per variable, so that the one that takes the value is clear

@@ -473,8 +473,9 @@ Ref& Model::own(int slot) {
     s = std::make_shared<Ref>(*s);
     s->norm = No;
     s->held = false;
-  } else if (s->held && s->norm == Yes) {
-    s->norm = Maybe;
+  } else if (s->held) {
+    if (s->norm == Yes) s->norm = Maybe;
+    s->held = false;  // copied if a parent held it: private from now on either way
   }
   return *s;
 }
