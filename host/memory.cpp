@@ -58,6 +58,11 @@ constexpr ClassTable makeClassTable() {
 constexpr ClassTable Classes = makeClassTable();
 static_assert(Classes.count == TavMemory::ClassCount, "every class slot is used");
 static_assert(Classes.size[TavMemory::ClassCount - 1] == TavMemory::SlabLimit, "the last class is the slab limit");
+static_assert(TavMemory::ClassCount < TavFixedPageClass, "a page class fits a byte");
+
+// A class takes pages of shared chunks until it holds this much, then whole
+// chunks: a small model pays for a few pages, a large one packs its chunks.
+constexpr std::size_t BusyBytes = std::size_t(16) << 10;
 
 std::size_t pageBytes() {
   static const std::size_t page = (std::size_t)sysconf(_SC_PAGESIZE);
@@ -65,6 +70,12 @@ std::size_t pageBytes() {
 }
 
 std::size_t roundUp(std::size_t n, std::size_t to) { return (n + to - 1) & ~(to - 1); }
+
+#if defined(__GNUC__)
+#define TAV_NO_ASAN __attribute__((no_sanitize("address")))
+#else
+#define TAV_NO_ASAN
+#endif
 
 // ------------------------------------------------------------------ mapping
 
@@ -223,6 +234,8 @@ std::size_t TavMemory::ClassOf(std::size_t bytes) {
 TavMemory::TavMemory(TavEnvI* env)
     : _env(env), _large(nullptr), _failCountdown(0), _liveBytes(0), _reservedBytes(0) {
   std::memset(_free, 0, sizeof(_free));
+  std::memset(_returned, 0, sizeof(_returned));
+  std::memset(_taken, 0, sizeof(_taken));
   std::memset(_bump, 0, sizeof(_bump));
   std::memset(_bumpEnd, 0, sizeof(_bumpEnd));
   std::memset(_spare, 0, sizeof(_spare));
@@ -265,33 +278,127 @@ char* TavMemory::takeSpace(std::size_t extent) {
   return p;
 }
 
-void* TavMemory::newSlabChunk(std::size_t slotBytes, std::size_t cls) {
-  TavChunkHeader* h = reinterpret_cast<TavChunkHeader*>(takeSpace(TavChunkAlign));
-  h->env = _env;
-  TavChunkOwners::Set(reinterpret_cast<char*>(h), TavChunkAlign, _env);
+namespace {
+/// Heads a fresh 64 KiB slab chunk of env whose pages are all marked pageClass.
+TavChunkHeader* slabChunk(char* base, TavEnvI* env, unsigned char pageClass) {
+  TavChunkHeader* h = reinterpret_cast<TavChunkHeader*>(base);
+  h->env = env;
+  TavChunkOwners::Set(base, TavChunkAlign, env);
   h->prev = h->next = nullptr;
-  h->bytes = TavChunkAlign;
-  h->slotBytes = slotBytes;
-  h->cls = cls;
-  h->extent = TavChunkAlign;
-  h->ownMapping = 0;
+  h->bytes = h->extent = TavChunkAlign;
+  h->sorting = nullptr;
+  std::memset(h->pageClass, pageClass, sizeof(h->pageClass));
+  TAV_POISON(base + TavChunkHeaderSize, SlabPayload);
+  return h;
+}
+}  // namespace
+
+char* TavMemory::takeSlab(std::size_t blockBytes, unsigned char pageClass, std::size_t& taken, char*& end) {
+  if (taken < BusyBytes) {
+    // The fewest pages, from the next unused one, that hold one block.
+    auto pagesFrom = [&](std::size_t page) {
+      const std::size_t skip = page == 0 ? TavChunkHeaderSize : 0;
+      return (skip + blockBytes + TavPageBytes - 1) / TavPageBytes;
+    };
+    std::size_t page = _sharedPage;
+    if (_shared == nullptr || page + pagesFrom(page) > TavChunkPages) {
+      // The unused pages of the old shared chunk stay unused.
+      _shared = slabChunk(takeSpace(TavChunkAlign), _env, 0);
+      _sharedPage = page = 0;
+      // Only the pages handed out count, as for large chunks: the others
+      // are never touched.
+      _reservedBytes += TavPageBytes;
+    }
+    const std::size_t pages = pagesFrom(page);
+    std::memset(_shared->pageClass + page, pageClass, pages);
+    _reservedBytes += (pages - (page == 0 ? 1 : 0)) * TavPageBytes;
+    _sharedPage = page + pages;
+    char* base = reinterpret_cast<char*>(_shared);
+    end = base + _sharedPage * TavPageBytes;
+    taken += pages * TavPageBytes;
+    return base + (page == 0 ? TavChunkHeaderSize : page * TavPageBytes);
+  }
+  char* base = takeSpace(TavChunkAlign);
+  slabChunk(base, _env, pageClass);
   _reservedBytes += TavChunkAlign;
-  char* payload = reinterpret_cast<char*>(h) + TavChunkHeaderSize;
-  TAV_POISON(payload, SlabPayload);
-  return payload;
+  taken += TavChunkAlign;
+  end = base + TavChunkAlign;
+  return base + TavChunkHeaderSize;
 }
 
-void* TavMemory::carve(std::size_t cls) {
-  // Each chunk serves one size class, so a pointer's size is in its chunk.
-  const std::size_t bytes = _size[cls];
-  if (_bump[cls] == nullptr || std::size_t(_bumpEnd[cls] - _bump[cls]) < bytes) {
-    _bump[cls] = static_cast<char*>(newSlabChunk(bytes, cls));
-    _bumpEnd[cls] = _bump[cls] + SlabPayload;
+void* TavMemory::refillClass(std::size_t cls) {
+  if (void* list = _returned[cls]) {
+    // Blocks freed one by one in scattered places would otherwise be handed
+    // out in that order, and whatever is built from them read in it.
+    _free[cls] = Reordered(list);
+    _returned[cls] = nullptr;
+    return allocClass(cls);
   }
+  // Each page serves one size class, so a pointer's size is in its chunk.
+  const std::size_t bytes = _size[cls];
+  if (_bump[cls] == nullptr || std::size_t(_bumpEnd[cls] - _bump[cls]) < bytes)
+    _bump[cls] = takeSlab(bytes, (unsigned char)cls, _taken[cls], _bumpEnd[cls]);
   void* p = _bump[cls];
   _bump[cls] += bytes;
   TAV_UNPOISON(p, bytes);
   return p;
+}
+
+// Free blocks are poisoned: only their first word is read and written here.
+TAV_NO_ASAN void* TavMemory::Reordered(void* list) {
+  // A sample of the first blocks decides: more than one in eight of them
+  // over 256 bytes from the one before means scattered.
+  constexpr std::size_t Sample = 256;
+  std::size_t seen = 0, jumps = 0;
+  const char* prev = static_cast<const char*>(list);
+  for (void* p = list; p != nullptr && seen < Sample; p = *static_cast<void**>(p), ++seen) {
+    const char* q = static_cast<const char*>(p);
+    jumps += std::size_t(q - prev + 256) > 512;
+    prev = q;
+  }
+  return seen >= 64 && jumps * 8 > seen ? AddressOrder(list) : list;
+}
+
+TAV_NO_ASAN void* TavMemory::AddressOrder(void* list) {
+  // Sort the blocks by chunk first, each chunk collecting its own, then each
+  // chunk's through a bitmap of its 8-byte units.
+  TavChunkHeader* touched = nullptr;
+  for (void* p = list; p != nullptr;) {
+    void* next = *static_cast<void**>(p);
+    TavChunkHeader* h = ChunkOf(p);
+    if (h->sorting == nullptr) {
+      h->next = touched;
+      touched = h;
+    }
+    *static_cast<void**>(p) = h->sorting;
+    h->sorting = p;
+    p = next;
+  }
+  constexpr std::size_t Words = TavChunkAlign / 8 / 64;
+  std::uint64_t bits[Words];
+  void* out = nullptr;
+  while (touched != nullptr) {
+    TavChunkHeader* h = touched;
+    touched = h->next;
+    h->next = nullptr;
+    std::memset(bits, 0, sizeof(bits));
+    for (void* p = h->sorting; p != nullptr; p = *static_cast<void**>(p)) {
+      const std::size_t unit = (reinterpret_cast<std::uintptr_t>(p) & (TavChunkAlign - 1)) >> 3;
+      bits[unit >> 6] |= std::uint64_t(1) << (unit & 63);
+    }
+    h->sorting = nullptr;
+    char* base = reinterpret_cast<char*>(h);
+    for (std::size_t w = Words; w-- > 0;) {
+      for (std::uint64_t b = bits[w]; b != 0;) {
+        const unsigned top = 63u - (unsigned)__builtin_clzll(b);
+        b &= ~(std::uint64_t(1) << top);
+        void* p = base + ((w * 64 + top) << 3);
+        *static_cast<void**>(p) = out;
+        out = p;
+      }
+    }
+  }
+  return out;
 }
 
 void* TavMemory::allocLarger(std::size_t bytes) {
@@ -337,10 +444,9 @@ void* TavMemory::allocLarge(std::size_t bytes) {
   h->prev = nullptr;
   h->next = _large;
   h->bytes = total;
-  h->slotBytes = 0;
-  h->cls = 0;
   h->extent = extent;
   h->ownMapping = own;
+  std::memset(h->pageClass, 0, sizeof(h->pageClass));
   if (_large) _large->prev = h;
   _large = h;
   _reservedBytes += reserved;
@@ -354,10 +460,10 @@ void* TavMemory::allocLarge(std::size_t bytes) {
 void TavMemory::free(void* p) {
   if (p == nullptr) return;
   TavChunkHeader* h = ChunkOf(p);
-  if (std::size_t bytes = h->slotBytes) {
-    const std::size_t cls = h->cls;
-    *static_cast<void**>(p) = _free[cls];
-    _free[cls] = p;
+  if (const std::size_t cls = h->pageClass[(reinterpret_cast<std::uintptr_t>(p) & (TavChunkAlign - 1)) / TavPageBytes]) {
+    const std::size_t bytes = _size[cls];
+    *static_cast<void**>(p) = _returned[cls];
+    _returned[cls] = p;
     TAV_POISON(p, bytes);
     _liveBytes -= bytes;
     return;
@@ -410,18 +516,28 @@ void TavMemory::releaseAll() {
   _regionNext = _regionEnd = nullptr;
   _nextRegionBytes = FirstRegionBytes;
   std::memset(_free, 0, sizeof(_free));
+  std::memset(_returned, 0, sizeof(_returned));
+  std::memset(_taken, 0, sizeof(_taken));
   std::memset(_bump, 0, sizeof(_bump));
   std::memset(_bumpEnd, 0, sizeof(_bumpEnd));
   std::memset(_spare, 0, sizeof(_spare));
+  _shared = nullptr;
+  _sharedPage = TavChunkPages;
   _liveBytes = 0;
   _reservedBytes = 0;
 }
 
 void* TavFixedSizeAllocatorI::refill(TavMemory* memory) {
-  // Class 0 is no size class of the memory: these blocks never go to free().
-  char* base = static_cast<char*>(memory->newSlabChunk(_size, 0));
-  const std::size_t n = SlabPayload / _size;
-  // Blocks 1..n-1 go on the free list; block 0 is handed out now.
+  if (_returned != nullptr) {
+    _free = TavMemory::Reordered(_returned);
+    _returned = nullptr;
+    return allocateBlock(memory);
+  }
+  // These pages have no size class of the memory: their blocks never go to free().
+  char* end = nullptr;
+  char* base = memory->takeSlab(_size, TavFixedPageClass, _taken, end);
+  const std::size_t n = std::size_t(end - base) / _size;
+  // Blocks 1..n-1 go on the free list in address order; block 0 is handed out now.
   TAV_UNPOISON(base, n * _size);
   void* head = _free;
   for (std::size_t i = n - 1; i >= 1; --i) {

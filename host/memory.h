@@ -42,21 +42,31 @@
 class TavEnvI;
 class TavMemory;
 
+constexpr std::size_t TavChunkAlign = std::size_t(1) << 16;
+constexpr std::size_t TavChunkHeaderSize = 64;
+/// Slab chunks are made of pages, each serving one size class, so that a
+/// small environment packs all its classes into one chunk.
+constexpr std::size_t TavPageBytes = 4096;
+constexpr std::size_t TavChunkPages = TavChunkAlign / TavPageBytes;
+/// The page class of the blocks of a fixed-size allocator (never given to free()).
+constexpr unsigned char TavFixedPageClass = 255;
+
 /// Every chunk starts on a 64 KiB boundary with this header, so any pointer
 /// handed out by an environment leads back to it by masking.
 struct TavChunkHeader {
   TavEnvI* env;            // null for a dead chunk or a free large one
   TavChunkHeader* prev;    // large chunks: the live or the spare list
-  TavChunkHeader* next;
+  TavChunkHeader* next;    // slab chunks: the next chunk whose blocks are being ordered
   std::size_t bytes;       // bytes reserved: the chunk, header included
-  std::size_t slotBytes;   // size class of a slab chunk, 0 for a large one
-  std::size_t cls;         // class index of a slab chunk
   std::size_t extent;      // address space of a large chunk (64 KiB multiple)
-  std::size_t ownMapping;  // 1 when a large chunk is a mapping of its own
+  union {
+    std::size_t ownMapping;  // large chunks: 1 when a mapping of its own
+    void* sorting;           // slab chunks: its free blocks being put in address order
+  };
+  // The size class of each page (0 for a large chunk or an unused page):
+  // free() reads the size of a block from its page.
+  unsigned char pageClass[TavChunkPages];
 };
-
-constexpr std::size_t TavChunkAlign = std::size_t(1) << 16;
-constexpr std::size_t TavChunkHeaderSize = 64;
 static_assert(sizeof(TavChunkHeader) == TavChunkHeaderSize, "the header fills its slot");
 
 /// The owner of every 64 KiB unit of address space that environments ever
@@ -90,9 +100,14 @@ struct TavMemorySpan {
 };
 
 /// Memory of one environment. Objects up to SlabLimit bytes come from size
-/// classes (8-byte steps up to 512, then steps of at most 1/4) packed in 64
-/// KiB chunks; larger ones get a chunk of their own, rounded to the page.
-/// Everything is returned to the system when the environment ends.
+/// classes (8-byte steps up to 512, then steps of at most 1/4): a class
+/// starts with a few pages of a chunk shared with other classes and takes
+/// whole 64 KiB chunks once it is busy. Larger objects get a chunk of their
+/// own, rounded to the page. Freed blocks wait apart until a class runs out,
+/// and come back in address order within their chunk if they were freed in
+/// scattered places, so that a structure built from recycled blocks is
+/// walked as if fresh. Everything is returned to the system when the
+/// environment ends.
 class TavMemory {
  public:
   explicit TavMemory(TavEnvI* env);
@@ -133,12 +148,21 @@ class TavMemory {
 
   /// Bytes currently handed out (size-class rounded) and not freed.
   std::size_t getLiveBytes() const { return _liveBytes; }
-  /// Bytes reserved from the system: whole slab chunks, and large chunks
-  /// rounded to the page.
+  /// Bytes reserved from the system: whole slab chunks, the pages handed
+  /// out of shared ones, and large chunks rounded to the page.
   std::size_t getReservedBytes() const { return _reservedBytes; }
 
-  /// A fresh 64 KiB slab chunk for blocks of slotBytes (class cls); returns its payload.
-  void* newSlabChunk(std::size_t slotBytes, std::size_t cls);
+  /// Room for blocks of blockBytes in pages marked pageClass, returned as
+  /// [begin, end): pages of a shared chunk while `taken` (bytes taken so far
+  /// for these blocks, updated) is small, a whole chunk after.
+  char* takeSlab(std::size_t blockBytes, unsigned char pageClass, std::size_t& taken, char*& end);
+  /// A list of free blocks linked through their first word, relinked in
+  /// address order within each chunk. Allocates nothing.
+  static void* AddressOrder(void* list);
+  /// The free list in address order within each chunk when its first
+  /// blocks lie far apart from one another, else as it is: freeing stays
+  /// two stores, and a list freed in order is not walked again.
+  static void* Reordered(void* list);
 
   /// Largest object served from a size class.
   static constexpr std::size_t SlabLimit = 16368;
@@ -160,9 +184,9 @@ class TavMemory {
       _free[cls] = *static_cast<void**>(p);
       return p;
     }
-    return carve(cls);
+    return refillClass(cls);
   }
-  void* carve(std::size_t cls);
+  void* refillClass(std::size_t cls);
   void* allocLarger(std::size_t bytes);
   void* allocLarge(std::size_t bytes);
   void freeLarge(TavChunkHeader* h);
@@ -182,8 +206,14 @@ class TavMemory {
   char* _regionNext = nullptr;
   char* _regionEnd = nullptr;
 
+  // The pages of the current shared chunk from _sharedPage on are unused.
+  TavChunkHeader* _shared = nullptr;
+  std::size_t _sharedPage = TavChunkPages;
+
   TavEnvI* _env;
-  void* _free[ClassCount];
+  void* _free[ClassCount];      // handed out first, in address order when it matters
+  void* _returned[ClassCount];  // freed since, in the order of freeing
+  std::size_t _taken[ClassCount];  // slab bytes taken by each class
   char* _bump[ClassCount];
   char* _bumpEnd[ClassCount];
   std::size_t _size[ClassCount];
@@ -194,7 +224,10 @@ class TavMemory {
   std::size_t _reservedBytes;
 };
 
-/// Hands out blocks of one fixed size from a free list refilled by chunks.
+/// Hands out blocks of one fixed size from a free list refilled by slabs of
+/// the memory. Freed blocks wait apart until the free list runs out, then
+/// follow in address order within their chunk when they came back scattered,
+/// so that a list built from them reads memory in order.
 class TavFixedSizeAllocatorI {
  public:
   explicit TavFixedSizeAllocatorI(std::size_t blockSize) : _size(blockSize) {}
@@ -206,18 +239,23 @@ class TavFixedSizeAllocatorI {
     return p;
   }
   void deallocate(void* p) {
-    *static_cast<void**>(p) = _free;
-    _free = p;
+    *static_cast<void**>(p) = _returned;
+    _returned = p;
     TAV_POISON(p, _size);
   }
   std::size_t getBlockSize() const { return _size; }
   /// Forgets every block (their chunks are released by the memory).
-  void reset() { _free = nullptr; }
+  void reset() {
+    _free = _returned = nullptr;
+    _taken = 0;
+  }
 
  private:
   void* refill(TavMemory* memory);
   std::size_t _size;
   void* _free = nullptr;
+  void* _returned = nullptr;
+  std::size_t _taken = 0;
 };
 
 #endif

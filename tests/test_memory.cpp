@@ -89,6 +89,123 @@ TEST(MemoryClasses, ReservedBytesStayCloseToThePayloadForEverySize) {
   }
 }
 
+// A small model must not pay a chunk per size class it touches: its
+// classes share the pages of one chunk.
+TEST(MemoryClasses, AModelOfOneVariableAndOneTermReservesOneChunk) {
+  std::vector<TavEnvI*> envs;
+  for (int k = 0; k < 20; ++k) {  // many small models at once stay small each
+    TavEnvI* impl = new TavEnvI();
+    envs.push_back(impl);
+    TavEnv env(impl);
+    TavMemory& mem = impl->getMemory();
+    const std::size_t reserved0 = mem.getReservedBytes();
+    TavNumVar x(env, 0.0, 1.0, "x");
+    TavExpr e(env);
+    e += 2.0 * x;
+    EXPECT_EQ(TavMemory::EnvOf(x.getImpl()), impl);
+    EXPECT_EQ(TavMemory::EnvOf(e.getImpl()), impl);
+    EXPECT_LE(mem.getReservedBytes(), TavChunkAlign);
+    e.end();
+    x.end();
+    EXPECT_LE(mem.getReservedBytes(), std::max(reserved0, TavChunkAlign));
+  }
+  for (TavEnvI* impl : envs) {
+    impl->end();
+    EXPECT_EQ(impl->getMemory().getReservedBytes(), 0u);
+    EXPECT_EQ(impl->getMemory().getLiveBytes(), 0u);
+    delete impl;
+  }
+}
+
+// Blocks of every class side by side in shared pages: each one is freed as
+// its own size, leads back to its environment, and is reused.
+TEST(MemoryClasses, ClassesSharingAChunkFreeAndReuseTheirOwnSizes) {
+  TavEnv env;
+  TavMemory& mem = env.getImpl()->getMemory();
+  const std::size_t live0 = mem.getLiveBytes(), reserved0 = mem.getReservedBytes();
+  std::vector<char*> blocks;
+  std::size_t live = live0;
+  for (std::size_t c = 1; c < TavMemory::ClassCount; c += 7) {
+    const std::size_t size = TavMemory::ClassSize(c);
+    char* p = static_cast<char*>(mem.alloc(size));
+    std::memset(p, 0x5a, size);
+    ASSERT_EQ(TavMemory::EnvOf(p), env.getImpl());
+    live += size;
+    ASSERT_EQ(mem.getLiveBytes(), live) << size;
+    blocks.push_back(p);
+  }
+  const std::size_t reserved = mem.getReservedBytes();
+  EXPECT_LE(reserved - reserved0, 2 * TavChunkAlign) << "one page run per class, not one chunk";
+  for (std::size_t i = 0; i < blocks.size(); ++i) {
+    mem.free(blocks[i]);
+    live -= TavMemory::ClassSize(1 + 7 * i);
+    ASSERT_EQ(mem.getLiveBytes(), live);
+  }
+  EXPECT_EQ(mem.getLiveBytes(), live0);
+  for (std::size_t i = 0; i < blocks.size(); ++i) EXPECT_EQ(mem.alloc(TavMemory::ClassSize(1 + 7 * i)), blocks[i]);
+  EXPECT_EQ(mem.getReservedBytes(), reserved);
+  env.end();
+}
+
+// Blocks freed in scattered order come back in address order within each
+// chunk, for size classes and for term cells alike, and none is lost.
+TEST(MemoryClasses, ScatteredFreedBlocksComeBackInAddressOrder) {
+  TavEnv env;
+  TavEnvI* e = env.getImpl();
+  TavMemory& mem = e->getMemory();
+  TavNumVar x(env, 0.0, 1.0);
+  const std::size_t n = 20000;
+  struct Kind {
+    const char* what;
+    std::function<void*()> take;
+    std::function<void(void*)> give;
+  } kinds[] = {
+      {"32-byte blocks", [&] { return mem.alloc(32); }, [&](void* p) { mem.free(p); }},
+      {"600-byte blocks", [&] { return mem.alloc(600); }, [&](void* p) { mem.free(p); }},
+      {"term cells", [&]() -> void* { return e->newTerm(x.getImpl(), 1.0); },
+       [&](void* p) { e->recycleTerm(static_cast<TavNumLinExprTermI*>(p)); }},
+  };
+  for (const Kind& k : kinds) {
+    SCOPED_TRACE(k.what);
+    std::vector<void*> blocks;
+    for (std::size_t i = 0; i < n; ++i) blocks.push_back(k.take());
+    const std::size_t reserved = mem.getReservedBytes(), live = mem.getLiveBytes();
+    const TavInt terms = e->getLiveTermCount();
+    std::vector<void*> order(blocks);
+    std::uint64_t r = 88172645463325252u;  // a fixed shuffle
+    for (std::size_t i = order.size(); i > 1; --i) {
+      r ^= r << 13, r ^= r >> 7, r ^= r << 17;
+      std::swap(order[i - 1], order[r % i]);
+    }
+    for (void* p : order) k.give(p);
+    // Blocks never handed out may come first (the rest of a slab); then
+    // every freed one, in address order within its chunk.
+    std::vector<void*> sorted(blocks), again, extra;
+    std::sort(sorted.begin(), sorted.end());
+    while (again.size() < n && extra.size() <= SlabPayload / 8) {
+      void* p = k.take();
+      if (std::binary_search(sorted.begin(), sorted.end(), p)) again.push_back(p);
+      else {
+        EXPECT_TRUE(again.empty()) << "a fresh block between freed ones";
+        extra.push_back(p);
+      }
+    }
+    ASSERT_EQ(again.size(), n);
+    EXPECT_EQ(mem.getReservedBytes(), reserved);
+    std::size_t backwards = 0;
+    for (std::size_t i = 1; i < n; ++i)
+      if (TavMemory::ChunkOf(again[i]) == TavMemory::ChunkOf(again[i - 1]) && again[i] < again[i - 1]) ++backwards;
+    EXPECT_EQ(backwards, 0u);
+    std::sort(again.begin(), again.end());
+    EXPECT_EQ(std::unique(again.begin(), again.end()) - again.begin(), (long)n) << "a block handed out twice";
+    for (void* p : extra) k.give(p);
+    EXPECT_EQ(mem.getLiveBytes(), live);
+    EXPECT_EQ(e->getLiveTermCount(), terms);
+    for (void* p : again) k.give(p);
+  }
+  env.end();
+}
+
 TEST(MemoryClasses, AThousandArraysOfSixtyFiveDoublesCostAboutTheirValues) {
   TavEnv env;
   TavMemory& mem = env.getImpl()->getMemory();
