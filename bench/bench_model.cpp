@@ -176,6 +176,80 @@ void BM_BuildOperators(benchmark::State& state) {
 }
 BENCHMARK(BM_BuildOperators)->Arg(10000)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 
+/// Each form of a chain over a temporary, beside BM_BuildBaseline: every step
+/// should link one cell, as `e += c * x` does. The integer forms run over
+/// integer variables of the same environment.
+TavIntVarArray& intVars(Model& m);
+
+template <class Arg, class First, class Step>
+void chain(benchmark::State& state, First first, Step step) {
+  Model& m = model(N);
+  intVars(m);  // made before the timed runs
+  for (auto _ : state) {
+    Arg e = first(m);
+    for (long i = 1; i < N; ++i) e = step(m, e, i);
+    benchmark::DoNotOptimize(e.getImpl());
+    state.PauseTiming();
+    TavNumExpr(e).end();
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(state.iterations() * N);
+}
+
+TavIntVarArray& intVars(Model& m) {
+  static TavIntVarArray* ix = nullptr;
+  if (!ix) ix = new TavIntVarArray(m.env, N, 0, 10);
+  return *ix;
+}
+TavInt intCoef(const Model& m, long i) { return (TavInt)m.c[i]; }
+
+auto numFirst = [](Model& m) -> TavNumExprArg { return m.c[0] * m.x[m.ids[0]]; };
+auto intFirst = [](Model& m) -> TavIntExprArg { return intCoef(m, 0) * intVars(m)[m.ids[0]]; };
+
+void BM_ChainPlus(benchmark::State& state) {
+  chain<TavNumExprArg>(state, numFirst, [](Model& m, const TavNumExprArg& e, long i) {
+    return e + m.c[i] * m.x[m.ids[i]];
+  });
+}
+void BM_ChainMinus(benchmark::State& state) {
+  chain<TavNumExprArg>(state, numFirst, [](Model& m, const TavNumExprArg& e, long i) {
+    return e - m.c[i] * m.x[m.ids[i]];
+  });
+}
+void BM_ChainTermFirst(benchmark::State& state) {
+  chain<TavNumExprArg>(state, numFirst, [](Model& m, const TavNumExprArg& e, long i) {
+    return m.c[i] * m.x[m.ids[i]] + e;
+  });
+}
+void BM_ChainIntPlus(benchmark::State& state) {
+  chain<TavIntExprArg>(state, intFirst, [](Model& m, const TavIntExprArg& e, long i) {
+    return e + intCoef(m, i) * intVars(m)[m.ids[i]];
+  });
+}
+void BM_ChainIntMinus(benchmark::State& state) {
+  chain<TavIntExprArg>(state, intFirst, [](Model& m, const TavIntExprArg& e, long i) {
+    return e - intCoef(m, i) * intVars(m)[m.ids[i]];
+  });
+}
+void BM_ChainIntTermFirst(benchmark::State& state) {
+  chain<TavIntExprArg>(state, intFirst, [](Model& m, const TavIntExprArg& e, long i) {
+    return intCoef(m, i) * intVars(m)[m.ids[i]] + e;
+  });
+}
+/// A numeric chain over integer variables (numeric coefficients).
+void BM_ChainNumOverInt(benchmark::State& state) {
+  chain<TavNumExprArg>(
+      state, [](Model& m) -> TavNumExprArg { return m.c[0] * intVars(m)[m.ids[0]]; },
+      [](Model& m, const TavNumExprArg& e, long i) { return e + m.c[i] * intVars(m)[m.ids[i]]; });
+}
+BENCHMARK(BM_ChainPlus)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ChainMinus)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ChainTermFirst)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ChainIntPlus)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ChainIntMinus)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ChainIntTermFirst)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ChainNumOverInt)->Unit(benchmark::kMillisecond);
+
 /// Products of variables collected as the parts of one linear expression.
 void BM_BuildProducts(benchmark::State& state) {
   Model& m = model(N);
@@ -191,6 +265,27 @@ void BM_BuildProducts(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * n / 2);
 }
 BENCHMARK(BM_BuildProducts)->Unit(benchmark::kMillisecond);
+
+/// The floor of the array builders: one cell per variable in array order.
+void BM_BuildBaselineInOrder(benchmark::State& state) {
+  Model& m = model(N);
+  CellPool pool;
+  for (auto _ : state) {
+    BaselineList list;
+    for (long i = 0; i < N; ++i) {
+      Cell* cell = pool.get();
+      cell->var = m.vars[i];
+      cell->coef = m.c[i];
+      list.append(cell);
+    }
+    benchmark::DoNotOptimize(list.first);
+    state.PauseTiming();
+    list.recycle(pool);
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(state.iterations() * N);
+}
+BENCHMARK(BM_BuildBaselineInOrder)->Unit(benchmark::kMillisecond);
 
 void BM_ScalProd(benchmark::State& state) {
   Model& m = model(N);

@@ -40,8 +40,6 @@ double TavNumExprArg::getNumConstant() const {
   return _impl->getNumConstant();
 }
 
-TavIntExprArg::TavIntExprArg(TavIntExprI* impl) : TavNumExprArg(impl) {}
-TavIntExprI* TavIntExprArg::getImpl() const { return static_cast<TavIntExprI*>(_impl); }
 
 std::ostream& operator<<(std::ostream& os, const TavNumExprArg& e) {
   if (e.getImpl()) e.getImpl()->display(os);

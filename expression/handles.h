@@ -30,8 +30,8 @@ class TavNumExprArg {
 /// Temporary handle on an integer node.
 class TavIntExprArg : public TavNumExprArg {
  public:
-  TavIntExprArg(TavIntExprI* impl = nullptr);
-  TavIntExprI* getImpl() const;
+  TavIntExprArg(TavIntExprI* impl = nullptr) : TavNumExprArg(impl) {}
+  TavIntExprI* getImpl() const { return static_cast<TavIntExprI*>(_impl); }
 };
 
 class TavNumExprNonLinearExpression;

@@ -74,6 +74,7 @@ void TavThrowUsedTerm() {
 template <class Self, class Base, class Constant>
 TavLinNode<Self, Base, Constant>::TavLinNode(TavNumLinExprTermI* cell)
     : TavNode<Self, Base>(TavVarEnv(TavTakeCell(cell)->_var), nullptr), _first(cell), _last(cell), _constant(0) {
+  this->_linKind = Self::OwnLinKind;
   cell->_next = nullptr;
 }
 

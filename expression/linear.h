@@ -4,6 +4,7 @@
 #ifndef TAV_EXPRESSION_LINEAR_H
 #define TAV_EXPRESSION_LINEAR_H
 
+#include <cstdint>
 #include <ostream>
 
 #include "protocol.h"
@@ -48,8 +49,16 @@ class TavNumExprI : public TavNode<TavNumExprI, TavExtractableI> {
   /// Subtracts one reference without ending the node.
   void unlockRef() { --_refCount; }
 
+  /// The linear node class of a node (None for every other class), which the
+  /// operators that extend a temporary in place read without a virtual call.
+  enum class LinKind : std::int32_t { None, Num, Int };
+  LinKind getLinKind() const { return _linKind; }
+
  protected:
-  TavInt _refCount = 0;
+  // 32 bits: every reference is held by a parent or a part cell of 16 bytes
+  // or more, so 2^31 of them would take 32 GiB. The kind shares the word.
+  std::int32_t _refCount = 0;
+  LinKind _linKind = LinKind::None;
 };
 
 /// Base of integer nodes (and of variables).
@@ -88,7 +97,9 @@ struct TavNumLinPartI {
 template <class Self, class Base, class Constant>
 class TavLinNode : public TavNode<Self, Base> {
  public:
-  TavLinNode(TavEnvI* env, Constant constant) : TavNode<Self, Base>(env, nullptr), _constant(constant) {}
+  TavLinNode(TavEnvI* env, Constant constant) : TavNode<Self, Base>(env, nullptr), _constant(constant) {
+    this->_linKind = Self::OwnLinKind;
+  }
   explicit TavLinNode(TavNumLinExprTermI* cell);
   ~TavLinNode() override { dropAll(); }
 
@@ -110,6 +121,13 @@ class TavLinNode : public TavNode<Self, Base> {
     if (_last) _last->_next = cell;
     else _first = cell;
     _last = cell;
+    this->self()->termsChanged();
+  }
+  /// Adds the cells first .. last, already linked (last->_next null), at the tail.
+  void appendChain(TavNumLinExprTermI* first, TavNumLinExprTermI* last) {
+    if (_last) _last->_next = first;
+    else _first = first;
+    _last = last;
     this->self()->termsChanged();
   }
   /// Adds a cell at the head (it is also the tail when the tail is null).
@@ -221,6 +239,7 @@ class TavNumLinTermI : public TavLinNode<TavNumLinTermI, TavNumExprI, double> {
   TAV_NODE_STATICS
  public:
   static constexpr const char* RttiName = "TavNumLinTermI";
+  static constexpr LinKind OwnLinKind = LinKind::Num;
   typedef TavNumLinTermRemoveVar RemoveRecord;
   TavNumLinTermI(TavEnvI* env, double constant) : TavLinNode(env, constant) {}
   explicit TavNumLinTermI(TavNumLinExprTerm t);
@@ -260,6 +279,7 @@ class TavIntLinTermI : public TavLinNode<TavIntLinTermI, TavIntExprI, TavInt> {
   TAV_NODE_STATICS
  public:
   static constexpr const char* RttiName = "TavIntLinTermI";
+  static constexpr LinKind OwnLinKind = LinKind::Int;
   typedef TavIntLinTermRemoveVar RemoveRecord;
   TavIntLinTermI(TavEnvI* env, TavInt constant) : TavLinNode(env, constant) {}
   explicit TavIntLinTermI(TavIntLinExprTerm t);

@@ -273,18 +273,29 @@ TavIntExprArg operator-(const TavIntExprArg& e) { return e * (TavInt)-1; }
   R operator+(A a, B b) { return argOf<R>(checkedSum<Side>(op(a), op(b), MSG)); }     \
   R operator-(A a, B b) { return argOf<R>(checkedSum<Side>(op(a), op(b), MSG, true)); }
 TAV_SUM(NumSide, TavNumExprArg, const TavNumExprArg&, const TavNumExprArg&, 0)
-TAV_SUM(NumSide, TavNumExprArg, const TavNumExprArg&, TavNumLinExprTerm, 1)
-TAV_SUM(NumSide, TavNumExprArg, const TavNumExprArg&, TavIntLinExprTerm, 2)
-TAV_SUM(NumSide, TavNumExprArg, TavNumLinExprTerm, const TavNumExprArg&, 3)
-TAV_SUM(NumSide, TavNumExprArg, TavIntLinExprTerm, const TavNumExprArg&, 4)
 TAV_SUM(NumSide, TavNumExprArg, TavNumLinExprTerm, TavNumLinExprTerm, 5)
 TAV_SUM(NumSide, TavNumExprArg, TavIntLinExprTerm, TavNumLinExprTerm, 6)
 TAV_SUM(NumSide, TavNumExprArg, TavNumLinExprTerm, TavIntLinExprTerm, 7)
 TAV_SUM(IntSide, TavIntExprArg, const TavIntExprArg&, const TavIntExprArg&, 8)
-TAV_SUM(IntSide, TavIntExprArg, const TavIntExprArg&, TavIntLinExprTerm, 9)
-TAV_SUM(IntSide, TavIntExprArg, TavIntLinExprTerm, const TavIntExprArg&, 10)
 TAV_SUM(IntSide, TavIntExprArg, TavIntLinExprTerm, TavIntLinExprTerm, 11)
 #undef TAV_SUM
+
+// Rows 1, 2 and 9 (a node and a term handle) and 3, 4 and 10 (a term handle
+// and a node): the header links the cell in place when it can, else comes here.
+TavNumExprI* tav_detail::sumNodeCell(int row, TavNumExprI* node, TavNumLinExprTermI* cell, bool negate) {
+  if (row < 8) return checkedSum<NumSide>(nodeOperand(node), cellOperand(cell), row, negate);
+  return checkedSum<IntSide>(nodeOperand(node), cellOperand(cell), row, negate);
+}
+TavNumExprI* tav_detail::sumCellNode(int row, TavNumLinExprTermI* cell, TavNumExprI* node) {
+  if (row < 8) return checkedSum<NumSide>(cellOperand(cell), nodeOperand(node), row);
+  return checkedSum<IntSide>(cellOperand(cell), nodeOperand(node), row);
+}
+#define TAV_DIFFERENCE(Side, R, A, B, MSG) \
+  R operator-(A a, B b) { return argOf<R>(checkedSum<Side>(op(a), op(b), MSG, true)); }
+TAV_DIFFERENCE(NumSide, TavNumExprArg, TavNumLinExprTerm, const TavNumExprArg&, 3)
+TAV_DIFFERENCE(NumSide, TavNumExprArg, TavIntLinExprTerm, const TavNumExprArg&, 4)
+TAV_DIFFERENCE(IntSide, TavIntExprArg, TavIntLinExprTerm, const TavIntExprArg&, 10)
+#undef TAV_DIFFERENCE
 
 // Sums with a number: e + d, d + e, e - d = e + (-d), d - e = d + (-e).
 #define TAV_SUM_NUMBER(Side, R, A, N, CONST)                                       \

@@ -5,6 +5,7 @@
 #define TAV_EXPRESSION_OPERATORS_H
 
 #include <type_traits>
+#include <utility>
 
 #include "variables.h"
 
@@ -41,16 +42,73 @@ TavIntLinExprTerm operator-(const TavIntVar& x);
 TavNumExprArg operator-(const TavNumExprArg& e);
 TavIntExprArg operator-(const TavIntExprArg& e);
 
+namespace tav_detail {
+/// The general sums of a node and a term handle, by their row of the sum
+/// table in operators.cpp; the inline forms below call them when they cannot
+/// link the cell in place.
+TavNumExprI* sumNodeCell(int row, TavNumExprI* node, TavNumLinExprTermI* cell, bool negate);
+TavNumExprI* sumCellNode(int row, TavNumLinExprTermI* cell, TavNumExprI* node);
+
+/// e as the linear node of class Lin that a sum may extend in place with
+/// cell: a temporary (count 0, so nothing holds it) of that class, in the
+/// cell's environment, and a cell no list holds; else null. This is the test
+/// the general sum makes before it appends, without its bookkeeping; the
+/// class is read from a field, as a virtual call here costs a third of the
+/// step in a long chain.
+template <class Lin>
+inline Lin* extensible(TavNumExprI* e, const TavNumLinExprTermI* cell) {
+  if (TAV_LIKELY(e && cell && cell->_next == TavFreshCell() && e->getRefCount() <= 0 &&
+                 e->getLinKind() == Lin::OwnLinKind && e->getEnv() == TavVarEnv(cell->_var)))
+    return static_cast<Lin*>(e);
+  return nullptr;
+}
+
+/// A node in the temporary handle kind R (TavNumExprArg or TavIntExprArg).
+template <class R>
+inline R asArg(TavNumExprI* e) {
+  return R(static_cast<decltype(std::declval<const R&>().getImpl())>(e));
+}
+}  // namespace tav_detail
+
 // Sums and differences. Each binary form A op B exists for + and -.
 #define TAV_SUM_FORMS(R, A, B) \
   R operator+(A a, B b);       \
   R operator-(A a, B b);
+// A node plus a term handle: a chain s = s + c * x over a temporary links
+// each cell into s as `e += c * x` does. ROW is the form's row in the table.
+#define TAV_SUM_NODE_TERM(R, Lin, A, T, ROW)                                                  \
+  inline R operator+(const A& a, T t) {                                                        \
+    if (Lin* lin = tav_detail::extensible<Lin>(a.getImpl(), t.getImpl())) {                    \
+      lin->append(t.getImpl());                                                                \
+      return R(lin);                                                                           \
+    }                                                                                          \
+    return tav_detail::asArg<R>(tav_detail::sumNodeCell(ROW, a.getImpl(), t.getImpl(), false)); \
+  }                                                                                            \
+  inline R operator-(const A& a, T t) {                                                        \
+    if (Lin* lin = tav_detail::extensible<Lin>(a.getImpl(), t.getImpl())) {                    \
+      t.getImpl()->_coef = -t.getImpl()->_coef;                                                \
+      lin->append(t.getImpl());                                                                \
+      return R(lin);                                                                           \
+    }                                                                                          \
+    return tav_detail::asArg<R>(tav_detail::sumNodeCell(ROW, a.getImpl(), t.getImpl(), true)); \
+  }
+// A term handle plus a node: the cell goes first. The difference negates
+// the node, so it takes the general path.
+#define TAV_SUM_TERM_NODE(R, Lin, T, A, ROW)                                                  \
+  inline R operator+(T t, const A& a) {                                                        \
+    if (Lin* lin = tav_detail::extensible<Lin>(a.getImpl(), t.getImpl())) {                    \
+      lin->prepend(t.getImpl());                                                               \
+      return R(lin);                                                                           \
+    }                                                                                          \
+    return tav_detail::asArg<R>(tav_detail::sumCellNode(ROW, t.getImpl(), a.getImpl()));      \
+  }                                                                                            \
+  R operator-(T t, const A& a);
 // Numeric.
 TAV_SUM_FORMS(TavNumExprArg, const TavNumExprArg&, const TavNumExprArg&)
-TAV_SUM_FORMS(TavNumExprArg, const TavNumExprArg&, TavNumLinExprTerm)
-TAV_SUM_FORMS(TavNumExprArg, const TavNumExprArg&, TavIntLinExprTerm)
-TAV_SUM_FORMS(TavNumExprArg, TavNumLinExprTerm, const TavNumExprArg&)
-TAV_SUM_FORMS(TavNumExprArg, TavIntLinExprTerm, const TavNumExprArg&)
+TAV_SUM_NODE_TERM(TavNumExprArg, TavNumLinTermI, TavNumExprArg, TavNumLinExprTerm, 1)
+TAV_SUM_NODE_TERM(TavNumExprArg, TavNumLinTermI, TavNumExprArg, TavIntLinExprTerm, 2)
+TAV_SUM_TERM_NODE(TavNumExprArg, TavNumLinTermI, TavNumLinExprTerm, TavNumExprArg, 3)
+TAV_SUM_TERM_NODE(TavNumExprArg, TavNumLinTermI, TavIntLinExprTerm, TavNumExprArg, 4)
 TAV_SUM_FORMS(TavNumExprArg, TavNumLinExprTerm, TavNumLinExprTerm)
 TAV_SUM_FORMS(TavNumExprArg, TavIntLinExprTerm, TavNumLinExprTerm)
 TAV_SUM_FORMS(TavNumExprArg, TavNumLinExprTerm, TavIntLinExprTerm)
@@ -64,8 +122,8 @@ TAV_SUM_FORMS(TavNumExprArg, const TavIntExprArg&, double)
 TAV_SUM_FORMS(TavNumExprArg, double, const TavIntExprArg&)
 // Integer.
 TAV_SUM_FORMS(TavIntExprArg, const TavIntExprArg&, const TavIntExprArg&)
-TAV_SUM_FORMS(TavIntExprArg, const TavIntExprArg&, TavIntLinExprTerm)
-TAV_SUM_FORMS(TavIntExprArg, TavIntLinExprTerm, const TavIntExprArg&)
+TAV_SUM_NODE_TERM(TavIntExprArg, TavIntLinTermI, TavIntExprArg, TavIntLinExprTerm, 9)
+TAV_SUM_TERM_NODE(TavIntExprArg, TavIntLinTermI, TavIntLinExprTerm, TavIntExprArg, 10)
 TAV_SUM_FORMS(TavIntExprArg, TavIntLinExprTerm, TavIntLinExprTerm)
 TAV_SUM_FORMS(TavIntExprArg, const TavIntExprArg&, TavInt)
 TAV_SUM_FORMS(TavIntExprArg, TavInt, const TavIntExprArg&)
@@ -76,6 +134,8 @@ TAV_SUM_FORMS(TavIntExprArg, TavInt, TavIntLinExprTerm)
 TAV_SUM_FORMS(TavIntExprArg, TavIntLinExprTerm, int)
 TAV_SUM_FORMS(TavIntExprArg, int, TavIntLinExprTerm)
 #undef TAV_SUM_FORMS
+#undef TAV_SUM_NODE_TERM
+#undef TAV_SUM_TERM_NODE
 
 // Products.
 TavNumExprArg operator*(const TavNumExprArg& e, double d);

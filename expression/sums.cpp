@@ -26,16 +26,114 @@ Lin* filled(TavEnvI* env, Fill fill) {
   return lin;
 }
 
+/// Refuses an empty variable, or one of another environment than env, with
+/// message. The environment comes from the variable's address: a sum over
+/// an array reads no variable.
+inline void varIn(const TavEnvI* env, const TavNumVarI* v, const char* message) {
+  if (TAV_UNLIKELY(v == nullptr)) throw TavEmptyHandleException();
+  if (TAV_UNLIKELY(TavVarEnv(v) != env)) throw TavWrongUsage(message, 0);
+}
+
+/// A coefficient from its slot in a number array.
+template <class Coefs>
+struct CoefOf;
+template <>
+struct CoefOf<TavNumArray> {
+  static double get(const TavArraySlot& s) { return s.num; }
+};
+template <>
+struct CoefOf<TavIntArray> {
+  static double get(const TavArraySlot& s) { return (double)s.integer; }
+};
+
+/// Gives back a chain of cells from first (the last one's next is null).
+void recycleChain(TavEnvI* env, TavNumLinExprTermI* first) {
+  while (first) {
+    TavNumLinExprTermI* next = first->_next;
+    env->recycleTerm(first);
+    first = next;
+  }
+}
+
+/// The end of the run of positions from i (below end) that lie in one block
+/// of a: within it, the elements are consecutive slots.
+TavInt runEnd(const TavArrayI* a, TavInt i, TavInt end) {
+  const TavInt blockEnd = ((i >> a->getBlockShift()) + 1) << a->getBlockShift();
+  return blockEnd < end ? blockEnd : end;
+}
+
+/// Makes one new cell (x[i], coef(c[i])) per position, chained in order,
+/// after check(x[i]); returns the first and sets last. With no c, coef gets
+/// x's slot. Only a failed check or a failed allocation throws, and the
+/// cells made go back. With ChecksWin, a failed allocation is passed on only
+/// after the remaining variables passed their checks: the result of checking
+/// every variable before any cell. The arrays are walked a block at a time.
+template <bool ChecksWin, class Coef, class Check>
+TavNumLinExprTermI* chainTerms(TavEnvI* env, const TavArrayI* x, const TavArrayI* c, Coef coef, Check check,
+                               TavNumLinExprTermI*& last) {
+  TavNumLinExprTermI* first = nullptr;
+  TavNumLinExprTermI** link = &first;
+  last = nullptr;
+  const TavInt n = x->getSize();
+  try {
+    for (TavInt start = 0; start < n;) {
+      TavInt end = runEnd(x, start, n);
+      if (c) end = runEnd(c, start, end);
+      const TavArraySlot* xs = &x->at(start);
+      const TavArraySlot* cs = c ? &c->at(start) : xs;
+      for (TavInt k = 0; k < end - start; ++k) {
+        TavNumVarI* v = static_cast<TavNumVarI*>(xs[k].obj);
+        check(v);
+        TavNumLinExprTermI* cell;
+        try {
+          cell = env->newTerm(v, coef(cs[k]));
+        } catch (...) {
+          if (ChecksWin)
+            for (TavInt j = start + k + 1; j < n; ++j) check(static_cast<TavNumVarI*>(x->at(j).obj));
+          throw;
+        }
+        *link = last = cell;
+        link = &cell->_next;
+      }
+      start = end;
+    }
+  } catch (...) {
+    *link = nullptr;
+    recycleChain(env, first);
+    last = nullptr;
+    throw;
+  }
+  *link = nullptr;
+  return first;
+}
+
+/// The linear node of kind Lin of env, holding a chain from chainTerms (the
+/// chain goes back if the node cannot be made).
+template <class Lin>
+Lin* nodeOfChain(TavEnvI* env, TavNumLinExprTermI* first, TavNumLinExprTermI* last) {
+  Lin* lin;
+  try {
+    lin = new (env) Lin(env, 0);
+  } catch (...) {
+    recycleChain(env, first);
+    throw;
+  }
+  if (first) lin->appendChain(first, last);
+  return lin;
+}
+
 /// A linear node of the variables' environment with one cell (x[i], c[i])
-/// per position, in order: nothing is merged.
+/// per position, in order: nothing is merged. Each variable is checked (its
+/// environment from its address, not read from it) as its cell is made.
 template <class Lin, class Coefs, class Vars>
 Lin* overVars(const Coefs& c, const Vars& x) {
   sameSize(c, x);
   TavEnvI* env = x.getImpl()->getEnv();
-  tav_detail::elementsIn(env, x, Mismatch);
-  return filled<Lin>(env, [&](Lin* lin) {
-    for (TavInt i = 0; i < x.getSize(); ++i) lin->append(env->newTerm(x.getElement(i), (double)c[i]));
-  });
+  TavNumLinExprTermI* last;
+  TavNumLinExprTermI* first = chainTerms<true>(
+      env, x.getImpl(), c.getImpl(), [](const TavArraySlot& s) { return CoefOf<Coefs>::get(s); },
+      [env](TavNumVarI* v) { varIn(env, v, Mismatch); }, last);
+  return nodeOfChain<Lin>(env, first, last);
 }
 
 /// A linear node with the product a[i] * b[i] appended per position.
@@ -62,6 +160,30 @@ R overNumbers(const A& a, const B& b) {
 // Wrapping 64-bit arithmetic for the all-integer forms.
 TavInt wrapAdd(TavInt a, TavInt b) { return (TavInt)((unsigned long)a + (unsigned long)b); }
 TavInt wrapMul(TavInt a, TavInt b) { return (TavInt)((unsigned long)a * (unsigned long)b); }
+
+/// The sum of a variable array: a counted handle started at 0 takes one
+/// cell (x[i], 1) per position, each variable checked as `e += x[i]` checks
+/// it, then hands the node back as a temporary.
+template <class Handle, class Lin, class Array>
+typename Handle::ResultArg sumOfVars(const Array& a, const char* message) {
+  tav_detail::need(a);
+  Handle e(a.getEnv(), 0);
+  Lin* lin = static_cast<Lin*>(e.getImpl());
+  TavEnvI* env = lin->getEnv();
+  TavNumLinExprTermI* last;
+  TavNumLinExprTermI* first;
+  try {
+    first = chainTerms<false>(
+        env, a.getImpl(), nullptr, [](const TavArraySlot&) { return 1.0; },
+        [env, message](TavNumVarI* v) { varIn(env, v, message); }, last);
+  } catch (...) {
+    e.end();
+    throw;
+  }
+  if (first) lin->appendChain(first, last);
+  lin->unlockRef();
+  return typename Handle::ResultArg(lin);
+}
 
 /// Adds every element to a counted handle started at 0, then hands the node
 /// back as a temporary.
@@ -118,9 +240,16 @@ TavInt TavScalProd(TavIntArray a, TavIntArray b) {
 }
 
 TavNumExprArg TavSum(TavNumExprArray a) { return sumOf<NumSum, TavNumExprArray, TavNumExprArg>(a); }
-TavNumExprArg TavSum(TavNumVarArray a) { return sumOf<NumSum, TavNumVarArray, TavNumVar>(a); }
+// The messages are those of the compound assignment each element once went through.
+TavNumExprArg TavSum(TavNumVarArray a) {
+  return sumOfVars<NumSum, TavNumLinTermI>(
+      a, "TavExpr& TavNumExpr::operator += const TavNumVar arg : mixing mismatch Environments");
+}
 TavIntExprArg TavSum(TavIntExprArray a) { return sumOf<IntSum, TavIntExprArray, TavIntExprArg>(a); }
-TavIntExprArg TavSum(TavIntVarArray a) { return sumOf<IntSum, TavIntVarArray, TavIntExprArg>(a); }
+TavIntExprArg TavSum(TavIntVarArray a) {
+  return sumOfVars<IntSum, TavIntLinTermI>(
+      a, "TavIntExprArg operator + const TavIntExprArg const TavIntExprArg: mixing mismatch Environments");
+}
 
 double TavSum(TavNumArray a) {
   double s = 0;

@@ -7,7 +7,10 @@
 #include <cstring>
 #include <functional>
 #include <sstream>
+#include <new>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "tavexpression.h"
@@ -687,6 +690,107 @@ TEST_F(Linear, IntegerLinearNode) {
   EXPECT_EQ(rec.names, std::vector<std::string>{"TavIntLinTermRemoveVar"});
   TavIntLinTermRemoveVar rv(static_cast<TavIntLinTermI*>(r.getImpl()), m.getImpl());
   EXPECT_THROW(rv.applyToCP(TavAlgorithm(), nullptr), TavAlgorithm::CannotChangeException);
+}
+
+// The sums over variable arrays chain their cells a block at a time: arrays
+// of more than one block, with different block sizes, keep every position.
+TEST_F(Linear, ArraySumsKeepEveryPositionAcrossBlocks) {
+  const TavInt count = 5000;  // two blocks of the coefficients, many of the variables
+  TavNumVarArray xs(env, count, 0.0, 1.0);
+  TavIntVarArray is(env, count, 0, 1);
+  TavNumArray cs(env, count);
+  TavIntArray ks(env, count);
+  for (TavInt k = 0; k < count; ++k) cs[k] = 0.5 + (double)k, ks[k] = k - 7;
+  ASSERT_NE(cs.getImpl()->getBlockShift(), xs.getImpl()->getBlockShift());
+  typedef std::function<std::pair<TavNumVarI*, double>(TavInt)> Want;
+  const Want numCoef = [&](TavInt k) { return std::pair<TavNumVarI*, double>(xs.getElement(k), cs[k]); };
+  const Want intCoef = [&](TavInt k) { return std::pair<TavNumVarI*, double>(is.getElement(k), (double)ks[k]); };
+  const Want numOne = [&](TavInt k) { return std::pair<TavNumVarI*, double>(xs.getElement(k), 1.0); };
+  const Want intOne = [&](TavInt k) { return std::pair<TavNumVarI*, double>(is.getElement(k), 1.0); };
+  const std::vector<std::tuple<const char*, TavNumExprArg, Want>> rows = {
+      {"numbers, variables", TavScalProd(cs, xs), numCoef},
+      {"variables, numbers", TavScalProd(xs, cs), numCoef},
+      {"integers, integer variables", TavScalProd(ks, is), intCoef},
+      {"sum of variables", TavSum(xs), numOne},
+      {"sum of integer variables", TavSum(is), intOne},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::get<0>(row));
+    TavNumExprI* node = std::get<1>(row).getImpl();
+    const bool integral = node->getLinKind() == TavNumExprI::LinKind::Int;
+    const TavNumLinExprTermI* first = integral ? static_cast<TavIntLinTermI*>(node)->getFirstTerm()
+                                               : static_cast<TavNumLinTermI*>(node)->getFirstTerm();
+    const TavNumLinExprTermI* last = integral ? static_cast<TavIntLinTermI*>(node)->getLastTerm()
+                                              : static_cast<TavNumLinTermI*>(node)->getLastTerm();
+    TavInt k = 0;
+    const TavNumLinExprTermI* seen = nullptr;
+    for (const TavNumLinExprTermI* t = first; t; t = t->_next, ++k) {
+      const auto want = std::get<2>(row)(k);
+      ASSERT_EQ(t->_var, want.first) << k;
+      ASSERT_EQ(t->_coef, want.second) << k;
+      seen = t;
+    }
+    EXPECT_EQ(k, count);
+    EXPECT_EQ(last, seen);
+    EXPECT_EQ(node->getRefCount(), 0);
+    std::get<1>(row).getImpl()->end();
+  }
+  EXPECT_EQ(ei()->getLiveTermCount(), 0);
+}
+
+// A bad variable is reported as it was when every element went through its
+// own compound assignment (TavSum: the first failure in array order wins) or
+// when every variable was checked before the node was made (TavScalProd: the
+// variable wins over a failed allocation). Nothing stays behind.
+TEST_F(Linear, ArraySumsReportABadVariableWithTheirOwnPrecedence) {
+  TavEnv other;
+  TavNumVar stranger(other, 0.0, 1.0);
+  TavIntVar intStranger(other, 0, 1);
+  TavNumVarArray xs(env, 3, x, y, stranger);
+  TavIntVarArray is(env, 3, n, m, intStranger);
+  TavNumVarArray holes(env);
+  holes.add(x), holes.add(y), holes.add(TavNumVar());
+  TavNumArray cs(env, {1.0, 2.0, 3.0});
+  const char* scal = "TavScalProd: mixing mismatch environments";
+  const char* numSum = "TavExpr& TavNumExpr::operator += const TavNumVar arg : mixing mismatch Environments";
+  const char* intSum = "TavIntExprArg operator + const TavIntExprArg const TavIntExprArg: mixing mismatch Environments";
+  const char* empty = "<empty>";
+  const char* memory = "<memory>";
+  struct FailRow {
+    const char* label;
+    std::function<void()> call;
+    std::vector<const char*> outcome;  // without a failure, then failing the k-th allocation (k = 1, 2, ...)
+  };
+  const std::vector<FailRow> rows = {
+      {"TavScalProd", [&] { TavScalProd(cs, xs); }, {scal, scal, scal, scal, scal}},
+      {"TavScalProd, empty element", [&] { TavScalProd(cs, holes); }, {empty, empty, empty, empty}},
+      {"TavSum", [&] { TavSum(xs); }, {numSum, memory, memory, memory, numSum}},
+      {"TavSum, integer variables", [&] { TavSum(is); }, {intSum, memory, memory, memory, intSum}},
+      {"TavSum, empty element", [&] { TavSum(holes); }, {empty, memory, memory, memory, empty}},
+  };
+  for (const FailRow& row : rows) {
+    for (std::size_t k = 0; k < row.outcome.size(); ++k) {
+      SCOPED_TRACE(std::string(row.label) + ", failing allocation " + std::to_string(k));
+      const TavInt objects = ei()->getLiveObjectCount(), terms = ei()->getLiveTermCount();
+      ei()->getMemory().failAfter((TavInt)k);
+      std::string got;
+      try {
+        row.call();
+        got = "<no throw>";
+      } catch (const TavEmptyHandleException&) {
+        got = empty;
+      } catch (const TavException& e) {
+        got = e.getMessage();
+      } catch (const std::bad_alloc&) {
+        got = memory;
+      }
+      ei()->getMemory().failAfter(0);
+      EXPECT_EQ(got, row.outcome[k]);
+      EXPECT_EQ(ei()->getLiveObjectCount(), objects);
+      EXPECT_EQ(ei()->getLiveTermCount(), terms);
+    }
+  }
+  other.end();
 }
 
 }  // namespace

@@ -247,6 +247,108 @@ TEST(Operators, ChainOverTemporaryStaysLinear) {
   EXPECT_EQ(terms, n);
 }
 
+// A term handle summed with a temporary linear node of its own kind is linked
+// into that node and nothing else is made; a counted node is copied, and an
+// integer node on the numeric side is converted and left as it is.
+TEST(Operators, TermSumsLinkTheCellIntoAnUnsharedNodeOfTheirKind) {
+  auto num = [](Model& m) -> TavNumExprArg { return 2 * m.x + 1.0; };
+  auto intl = [](Model& m) -> TavNumExprArg { return TavIntExprArg(2 * m.i + 1); };
+  auto asInt = [](const TavNumExprArg& e) { return TavIntExprArg(static_cast<TavIntExprI*>(e.getImpl())); };
+  struct TermRow {
+    const char* label;
+    std::function<TavNumExprArg(Model&)> base;
+    bool counted;  // a TavNumExpr holds the base
+    std::function<TavNumExprArg(Model&, const TavNumExprArg&)> apply;
+    const char* expected;
+    bool inPlace;
+  };
+  const std::vector<TermRow> rows = {
+      {"lin + term", num, false, [](Model& m, const TavNumExprArg& b) { return b + 3 * m.y; },
+       "TavNumLinTermI{x:2 y:3||1}", true},
+      {"lin - term", num, false, [](Model& m, const TavNumExprArg& b) { return b - 3 * m.y; },
+       "TavNumLinTermI{x:2 y:-3||1}", true},
+      {"term + lin", num, false, [](Model& m, const TavNumExprArg& b) { return 3 * m.y + b; },
+       "TavNumLinTermI{y:3 x:2||1}", true},
+      {"lin + int term", num, false, [](Model& m, const TavNumExprArg& b) { return b + 3 * m.j; },
+       "TavNumLinTermI{x:2 j:3||1}", true},
+      {"lin - int term", num, false, [](Model& m, const TavNumExprArg& b) { return b - 3 * m.j; },
+       "TavNumLinTermI{x:2 j:-3||1}", true},
+      {"int term + lin", num, false, [](Model& m, const TavNumExprArg& b) { return 3 * m.j + b; },
+       "TavNumLinTermI{j:3 x:2||1}", true},
+      {"int lin + int term", intl, false,
+       [&](Model& m, const TavNumExprArg& b) -> TavNumExprArg { return asInt(b) + 3 * m.j; },
+       "TavIntLinTermI{i:2 j:3||1}", true},
+      {"int lin - int term", intl, false,
+       [&](Model& m, const TavNumExprArg& b) -> TavNumExprArg { return asInt(b) - 3 * m.j; },
+       "TavIntLinTermI{i:2 j:-3||1}", true},
+      {"int term + int lin", intl, false,
+       [&](Model& m, const TavNumExprArg& b) -> TavNumExprArg { return 3 * m.j + asInt(b); },
+       "TavIntLinTermI{j:3 i:2||1}", true},
+      {"counted lin + term", num, true, [](Model& m, const TavNumExprArg& b) { return b + 3 * m.y; },
+       "TavNumLinTermI{x:2 y:3||1}", false},
+      {"term + counted lin", num, true, [](Model& m, const TavNumExprArg& b) { return 3 * m.y + b; },
+       "TavNumLinTermI{y:3 x:2||1}", false},
+      {"counted int lin - int term", intl, true,
+       [&](Model& m, const TavNumExprArg& b) -> TavNumExprArg { return asInt(b) - 3 * m.j; },
+       "TavIntLinTermI{i:2 j:-3||1}", false},
+      {"int lin as numbers + term", intl, false, [](Model& m, const TavNumExprArg& b) { return b + 3 * m.y; },
+       "TavNumLinTermI{i:2 y:3||1}", false},
+      {"term + int lin as numbers", intl, false, [](Model& m, const TavNumExprArg& b) { return 3.5 * m.y + b; },
+       "TavNumLinTermI{y:3.5 i:2||1}", false},
+  };
+  for (const TermRow& r : rows) {
+    SCOPED_TRACE(r.label);
+    Model m;
+    TavEnvI* env = m.env.getImpl();
+    TavNumExprArg base = r.base(m);
+    TavNumExpr holder;
+    if (r.counted) holder = TavNumExpr(base);
+    const std::string before = shape(base);
+    const TavInt objects = env->getLiveObjectCount(), terms = env->getLiveTermCount();
+    TavNumExprArg result = r.apply(m, base);
+    EXPECT_EQ(shape(result), r.expected);
+    EXPECT_EQ(result.getImpl() == base.getImpl(), r.inPlace);
+    EXPECT_EQ(result.getImpl()->getRefCount(), 0);
+    if (r.inPlace) {
+      // The term's own cell, and no node.
+      EXPECT_EQ(env->getLiveTermCount(), terms + 1);
+      EXPECT_EQ(env->getLiveObjectCount(), objects);
+    } else {
+      EXPECT_EQ(shape(base), before);
+      EXPECT_EQ(env->getLiveObjectCount(), objects + 1);
+    }
+  }
+}
+
+TEST(Operators, AUsedTermIsRefusedByATemporaryUntouched) {
+  Model m;
+  TavNumLinExprTerm t = 3 * m.y;
+  TavIntLinExprTerm it = 3 * m.j;
+  TavNumExprArg first = (2 * m.x + 1.0) + t;
+  TavIntExprArg ifirst = TavIntExprArg(2 * m.i + 1) + it;
+  const std::string used = "TavNumLinExprTerm: the term is already part of an expression; build a new one";
+  const std::vector<std::pair<const char*, std::function<TavNumExprArg(TavNumExprArg, TavIntExprArg)>>> rows = {
+      {"lin + term", [&](TavNumExprArg a, TavIntExprArg) { return a + t; }},
+      {"lin - term", [&](TavNumExprArg a, TavIntExprArg) { return a - t; }},
+      {"term + lin", [&](TavNumExprArg a, TavIntExprArg) { return t + a; }},
+      {"lin + int term", [&](TavNumExprArg a, TavIntExprArg) { return a + it; }},
+      {"int lin + int term", [&](TavNumExprArg, TavIntExprArg b) -> TavNumExprArg { return b + it; }},
+      {"int term + int lin", [&](TavNumExprArg, TavIntExprArg b) -> TavNumExprArg { return it + b; }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.first);
+    TavNumExprArg a = 2 * m.x + 1.0;
+    TavIntExprArg b = 2 * m.i + 1;
+    const TavInt terms = m.env.getImpl()->getLiveTermCount();
+    EXPECT_EQ(messageOf<TavWrongUsage>([&] { row.second(a, b); }), used);
+    EXPECT_EQ(shape(a), "TavNumLinTermI{x:2||1}");
+    EXPECT_EQ(shape(b), "TavIntLinTermI{i:2||1}");
+    EXPECT_EQ(m.env.getImpl()->getLiveTermCount(), terms);
+  }
+  EXPECT_EQ(shape(first), "TavNumLinTermI{x:2 y:3||1}");
+  EXPECT_EQ(shape(ifirst), "TavIntLinTermI{i:2 j:3||1}");
+}
+
 // Two models in two environments; each row mixes them in one operator.
 struct Mixed {
   TavNumExprArg lin;
