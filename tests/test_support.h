@@ -1,5 +1,5 @@
-// Helpers shared by the test files: printing handles and nodes to text, and
-// reading the message of an expected exception.
+// Helpers shared by the test files: printing handles and nodes to text,
+// recording a visit, and reading the message of an expected exception.
 #ifndef TAV_TEST_SUPPORT_H
 #define TAV_TEST_SUPPORT_H
 
@@ -28,6 +28,18 @@ inline std::string showNode(const TavExtractableI* n) {
   std::ostringstream os;
   n->display(os);
   return os.str();
+}
+
+/// What a visit of n reports: n (begin), each child in order, n (end).
+inline std::vector<const TavExtractableI*> visitOf(TavExtractableI* n) {
+  struct Log : TavExtractableVisitor {
+    std::vector<const TavExtractableI*> seen;
+    void beginVisit(TavExtractableI* p) override { seen.push_back(p); }
+    void visitChild(TavExtractableI*, TavExtractableI* c) override { seen.push_back(c); }
+    void endVisit(TavExtractableI* p) override { seen.push_back(p); }
+  } log;
+  n->visitSubExtractables(&log);
+  return log.seen;
 }
 
 /// The message of the E thrown by f, "<none>" for a message-less one, or a
