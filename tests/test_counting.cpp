@@ -27,13 +27,6 @@ struct Counted : NamedVars {
   void set(double vi, double vj, double vk) { sol.setValue(i, vi), sol.setValue(j, vj), sol.setValue(k, vk); }
 };
 
-/// Gives 1, 2, 3, ... to successive reads of any variable.
-struct CountingReads : TavAlgorithmI {
-  using TavAlgorithmI::TavAlgorithmI;
-  double getValue(const TavNumVarI*) const override { return ++reads; }
-  mutable int reads = 0;
-};
-
 }  // namespace
 
 // Exact comparison with the counted value: no tolerance either way. Count
@@ -56,12 +49,12 @@ TEST(Count, CountsExactlyAndReadsAsDocumented) {
     EXPECT_EQ(m.sol.getValue(c3), r.threes) << r.i << " " << r.j << " " << r.k;
     EXPECT_EQ(m.sol.getValue(c2), r.twos) << r.i << " " << r.j << " " << r.k;
   }
-  CountingReads reads(m.env.getImpl());
+  tavtest::CountingReads reads(m.env.getImpl());
   EXPECT_EQ(c2.getImpl()->eval(&reads), 1);
   EXPECT_EQ(reads.reads, 3);
 
   TavNumExpr two = TavStandardDeviation(m.array({m.i, m.j}));
-  CountingReads again(m.env.getImpl());
+  tavtest::CountingReads again(m.env.getImpl());
   EXPECT_EQ(two.getImpl()->eval(&again), std::sqrt(4.25));
   EXPECT_EQ(again.reads, 4);
   m.env.end();

@@ -436,21 +436,12 @@ TEST(FamilyRows, EveryRowHasItsOwnTokenAndName) {
 
 // ------------------------------------------------------------------ the shapes' own behaviour
 
-namespace {
-/// Gives 1, 2, 3, ... to successive reads of any variable.
-struct CountingReads : TavAlgorithmI {
-  using TavAlgorithmI::TavAlgorithmI;
-  double getValue(const TavNumVarI*) const override { return ++reads; }
-  mutable int reads = 0;
-};
-}  // namespace
-
 // A row with an evaluation of its own reads the operand as often and in
 // the order it says; the others read it once.
 TEST(Shapes, OwnEvaluationReadsTheOperandInOrder) {
   TavEnv env;
   TavNumVar x(env, -9, 9);
-  CountingReads reads(env.getImpl());
+  tavtest::CountingReads reads(env.getImpl());
   EXPECT_EQ(ProbeTwice(x).getImpl()->eval(&reads), 1 - 2 * 2);
   EXPECT_EQ(reads.reads, 2);
   EXPECT_EQ(ProbeCube(x).getImpl()->eval(&reads), 27);

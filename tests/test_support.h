@@ -97,6 +97,13 @@ struct RefusingAlg : TavAlgorithmI {
   void notifyChange(const TavChange&) override { throw TavWrongUsage("refused", 0); }
 };
 
+/// Gives 1, 2, 3, ... to successive reads of any variable.
+struct CountingReads : TavAlgorithmI {
+  using TavAlgorithmI::TavAlgorithmI;
+  double getValue(const TavNumVarI*) const override { return ++reads; }
+  mutable int reads = 0;
+};
+
 /// A lock that counts how often it is taken and given back.
 struct CountingMutex : TavMutex {
   int locks = 0, unlocks = 0;
