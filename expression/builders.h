@@ -77,7 +77,11 @@ R arrayNode(const Array& a, const char* mismatch) {
 template <class Node, class R, class Array>
 R elementNode(const Array& a, const TavIntExprArg& index) {
   TavEnvI* env = envOf(a);
-  return R(new (env) Node(env, need(index), a));
+  // The node lives in the array's environment and holds the index: an index
+  // of another environment would outlive its own (or be outlived) unchecked.
+  TavIntExprI* i = need(index.getImpl());
+  sameEnv(i->getEnv(), env, "TavElement: index of another Environment");
+  return R(new (env) Node(env, i, a));
 }
 
 }  // namespace tav_detail

@@ -4,14 +4,24 @@
 #ifndef TAV_EXPRESSION_CHECKS_H
 #define TAV_EXPRESSION_CHECKS_H
 
+#include <type_traits>
+
 #include "env.h"
 
 namespace tav_detail {
 
-/// The pointer itself, or TavEmptyHandleException when it is null.
+[[noreturn]] void throwEnded();
+
+/// The pointer itself: TavEmptyHandleException when it is null, and
+/// TavWrongUsage for a model object whose environment has ended. The owner
+/// of the object's memory is looked up without reading the object, which
+/// an ended environment has given back.
 template <class P>
 P* need(P* p) {
-  return TavNeed(p);
+  TavNeed(p);
+  if constexpr (std::is_base_of<TavMemoryManagerObjectI, P>::value)
+    if (TAV_UNLIKELY(TavMemory::EnvOf(p) == nullptr)) throwEnded();
+  return p;
 }
 
 /// The implementation of a handle, or TavEmptyHandleException for an empty one.

@@ -10,6 +10,8 @@ using tav_detail::need;
 using tav_detail::numFromInt;
 using tav_detail::sameEnv;
 
+void tav_detail::throwEnded() { throw TavWrongUsage("object of an ended Environment", 0); }
+
 namespace {
 
 }  // namespace
