@@ -30,10 +30,10 @@ class TavHandleArray : public TavExtractableArray {
   explicit TavHandleArray(TavEnv env, TavInt n = 0) : TavExtractableArray(env, n) {}
   /// Element i; assigning to it stores the new element in the array.
   TavArrayElement<H> operator[](TavInt i) const {
-    TavArraySlot& s = _impl->at(i);
+    TavArraySlot& s = slot(i);
     return TavArrayElement<H>(H(static_cast<I*>(s.obj)), s);
   }
-  I* getElement(TavInt i) const { return static_cast<I*>(_impl->at(i).obj); }
+  I* getElement(TavInt i) const { return static_cast<I*>(slot(i).obj); }
   void add(const H& h) { addObject(h.getImpl()); }
   void add(const TavHandleArray& other) { TavExtractableArray::add(other); }
 

@@ -10,18 +10,12 @@
 
 namespace tav_detail {
 
-[[noreturn]] void throwEnded();
-
-/// The pointer itself: TavEmptyHandleException when it is null, and
-/// TavWrongUsage for a model object whose environment has ended. The owner
-/// of the object's memory is looked up without reading the object, which
-/// an ended environment has given back.
+/// The pointer itself: TavEmptyHandleException when it is null, and for a
+/// model object TavWrongUsage when its environment has ended (TavLive).
 template <class P>
 P* need(P* p) {
-  TavNeed(p);
-  if constexpr (std::is_base_of<TavMemoryManagerObjectI, P>::value)
-    if (TAV_UNLIKELY(TavMemory::EnvOf(p) == nullptr)) throwEnded();
-  return p;
+  if constexpr (std::is_base_of<TavMemoryManagerObjectI, P>::value) return TavLive(p);
+  else return TavNeed(p);
 }
 
 /// The implementation of a handle, or TavEmptyHandleException for an empty one.
@@ -30,10 +24,12 @@ auto need(const H& h) -> decltype(h.getImpl()) {
   return need(h.getImpl());
 }
 
-/// Throws TavEmptyHandleException when any of the handles is empty.
+/// Throws TavEmptyHandleException when any of the handles is empty, then
+/// refuses any whose environment has ended (see need).
 template <class... H>
 void needAll(const H&... handles) {
   if (((handles.getImpl() == nullptr) || ...)) throw TavEmptyHandleException();
+  (need(handles.getImpl()), ...);
 }
 
 /// The environment a handle belongs to, after the empty-handle check.

@@ -10,8 +10,6 @@ using tav_detail::need;
 using tav_detail::numFromInt;
 using tav_detail::sameEnv;
 
-void tav_detail::throwEnded() { throw TavWrongUsage("object of an ended Environment", 0); }
-
 namespace {
 
 }  // namespace
@@ -71,11 +69,11 @@ TavNumExpr TavNumExpr::getClone() const {
   return TavNumExpr(static_cast<TavNumExprI*>(need(_impl)->getEnv()->getClone(_impl)));
 }
 TavNumExpr TavNumExpr::getClone(TavEnv other) const {
-  return TavNumExpr(static_cast<TavNumExprI*>(other.getImpl()->getClone(need(_impl))));
+  return TavNumExpr(static_cast<TavNumExprI*>(need(other.getImpl())->getClone(need(_impl))));
 }
 void TavNumExpr::setClone(TavNumExpr clone) const { need(_impl)->getEnv()->setClone(_impl, clone.getImpl()); }
 void TavNumExpr::setClone(TavNumExpr clone, TavEnv other) const {
-  other.getImpl()->setClone(need(_impl), clone.getImpl());
+  need(other.getImpl())->setClone(need(_impl), clone.getImpl());
 }
 
 // ------------------------------------------------------------------ TavExpr

@@ -298,15 +298,15 @@ TavNumVar::TavNumVar(TavEnv env, TavNumArray values, Type type, const char* name
 TavNumVar::TavNumVar(TavConstraint ct)
     : TavVarHandle(new (envOf(ct)) TavConstraintIndVarI(envOf(ct), ct.getImpl())) {}
 
-double TavNumVar::getLB() const { return getImpl()->getLB(); }
-double TavNumVar::getUB() const { return getImpl()->getUB(); }
-void TavNumVar::setLB(double lb) const { getImpl()->setLB(lb); }
-void TavNumVar::setUB(double ub) const { getImpl()->setUB(ub); }
-void TavNumVar::setBounds(double lb, double ub) const { getImpl()->setBounds(lb, ub); }
+double TavNumVar::getLB() const { return live()->getLB(); }
+double TavNumVar::getUB() const { return live()->getUB(); }
+void TavNumVar::setLB(double lb) const { live()->setLB(lb); }
+void TavNumVar::setUB(double ub) const { live()->setUB(ub); }
+void TavNumVar::setBounds(double lb, double ub) const { live()->setBounds(lb, ub); }
 
 TavNumVar::Type TavNumVar::getType() const {
   if (_impl == nullptr) throw TavWrongUsage("Using empty handle TavNumVar::getType", 0);
-  return getImpl()->getType();
+  return live()->getType();
 }
 
 namespace {
@@ -409,26 +409,26 @@ TavIntVar::TavIntVar(const TavAddNumVar& column, TavIntArray values, const char*
 
 TavIntVar::TavIntVar(const TavNumVar& var) : TavVarHandle(checkedIntVar(var)) {}
 
-TavInt TavIntVar::getMin() const { return TavTrunc(getImpl()->getLB()); }
-TavInt TavIntVar::getMax() const { return TavTrunc(getImpl()->getUB()); }
-double TavIntVar::getLB() const { return getImpl()->getLB(); }
-double TavIntVar::getUB() const { return getImpl()->getUB(); }
+TavInt TavIntVar::getMin() const { return TavTrunc(live()->getLB()); }
+TavInt TavIntVar::getMax() const { return TavTrunc(live()->getUB()); }
+double TavIntVar::getLB() const { return live()->getLB(); }
+double TavIntVar::getUB() const { return live()->getUB(); }
 
 void TavIntVar::setMin(TavInt v) const {
   if (_impl == nullptr) throw TavWrongUsage("Using empty TavIntVar handle.", 0);
-  getImpl()->setLB((double)v);
+  live()->setLB((double)v);
 }
 void TavIntVar::setMax(TavInt v) const {
   if (_impl == nullptr) throw TavWrongUsage("Using empty TavIntVar handle.", 0);
-  getImpl()->setUB((double)v);
+  live()->setUB((double)v);
 }
 void TavIntVar::setBounds(TavInt lb, TavInt ub) const {
   if (_impl == nullptr) throw TavWrongUsage("Using empty handle TavIntVar", 0);
-  getImpl()->setBounds((double)lb, (double)ub);
+  live()->setBounds((double)lb, (double)ub);
 }
 TavNumVar::Type TavIntVar::getType() const {
   if (_impl == nullptr) throw TavWrongUsage("Using empty handle TavIntVar::getType", 0);
-  return getImpl()->getType();
+  return live()->getType();
 }
 void TavIntVar::getPossibleValues(TavIntArray out) const { appendValues(getImpl(), out, IntValueMessages); }
 void TavIntVar::setPossibleValues(TavIntArray values) const { setValues(getImpl(), values, IntValueMessages); }
@@ -529,8 +529,7 @@ TavSolution::TavSolution(TavEnv env) : TavAlgorithm(new TavSolutionI(envOf(env))
 }
 
 void TavSolution::setValue(const TavNumVar& var, double v) const {
-  if (var.getImpl() == nullptr) throw TavEmptyHandleException();
-  getImpl()->setValue(var.getImpl(), v);
+  getImpl()->setValue(tav_detail::need(var.getImpl()), v);
 }
 
 void TavSolution::setValue(const TavConstraint& ct, double v) const {

@@ -18,6 +18,9 @@ class TavVarHandle : public Arg {
  public:
   using Arg::Arg;
   TAV_HANDLE_POINTER TavNumVarI* getImpl() const;
+  /// The variable, refused when the handle is empty (TavEmptyHandleException)
+  /// or its environment has ended (TavWrongUsage).
+  TavNumVarI* live() const { return tav_detail::need(getImpl()); }
   const char* getName() const;
   void setName(const char* name) const;
   TavInt getId() const;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
 
 #include "env.h"
 
@@ -114,10 +115,15 @@ TavNumArray TavIntArray::toNumArray() const {
   return out;
 }
 
-TavEnv TavExtractable::getEnv() const { return TavEnv(_impl->getEnv()); }
-TavInt TavExtractable::getId() const { return _impl->getId(); }
-const char* TavExtractable::getName() const { return _impl->getName(); }
-void TavExtractable::setName(const char* name) const { _impl->setName(name); }
+void TavThrowOutOfRange(TavInt i, TavInt size) {
+  const std::string m = "TavArray: index " + std::to_string(i) + " out of range [0, " + std::to_string(size) + ")";
+  throw TavArrayError(m.c_str(), 0);
+}
+
+TavEnv TavExtractable::getEnv() const { return TavEnv(TavLive(_impl)->getEnv()); }
+TavInt TavExtractable::getId() const { return TavLive(_impl)->getId(); }
+const char* TavExtractable::getName() const { return TavLive(_impl)->getName(); }
+void TavExtractable::setName(const char* name) const { TavLive(_impl)->setName(name); }
 void TavExtractable::end() {
   if (_impl) _impl->end();
   _impl = nullptr;

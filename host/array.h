@@ -67,23 +67,37 @@ class TavArrayI : public TavMemoryManagerObjectI {
   TavArraySlot** _blocks;
 };
 
+/// Throws TavArrayError for an index outside [0, size).
+[[noreturn]] void TavThrowOutOfRange(TavInt i, TavInt size);
+
 /// What every array handle shares: one pointer to its storage.
 class TavArrayBase {
  public:
   TavArrayBase(TavArrayI* impl = nullptr) : _impl(impl) {}
   TavArrayI* getImpl() const { return _impl; }
-  TavEnv getEnv() const { return TavEnv(_impl ? _impl->getEnv() : nullptr); }
+  /// The array's environment; empty for an empty handle or an ended environment.
+  TavEnv getEnv() const { return TavEnv(_impl ? TavMemory::EnvOf(_impl) : nullptr); }
   TavInt getSize() const { return TavNeed(_impl)->getSize(); }
-  void remove(TavInt first, TavInt count = 1) { _impl->remove(first, count); }
-  void clear() { _impl->clear(); }
-  /// Frees the array (not its elements).
+  void remove(TavInt first, TavInt count = 1) { live()->remove(first, count); }
+  void clear() { live()->clear(); }
+  /// Frees the array (not its elements); nothing for an ended environment,
+  /// which freed it already.
   void end() {
-    if (_impl) _impl->end();
+    if (_impl && TavMemory::EnvOf(_impl)) _impl->end();
     _impl = nullptr;
   }
 
  protected:
   static TavArrayI* Make(TavEnv env, TavInt n);
+  /// The storage, refused when the handle is empty or its environment has ended.
+  TavArrayI* live() const { return TavLive(_impl); }
+  /// Element i of a handle: refused when the handle is empty, and outside
+  /// [0, size) with TavArrayError (the storage itself does not check).
+  TavArraySlot& slot(TavInt i) const {
+    TavArrayI* a = TavNeed(_impl);
+    if (TAV_UNLIKELY((unsigned long)i >= (unsigned long)a->getSize())) TavThrowOutOfRange(i, a->getSize());
+    return a->at(i);
+  }
   TavArrayI* _impl;
 };
 
@@ -114,7 +128,7 @@ class TavValueArray : public TavArrayBase {
       throw;
     }
   }
-  T& operator[](TavInt i) const { return TavSlotOf<T>::get(_impl->at(i)); }
+  T& operator[](TavInt i) const { return TavSlotOf<T>::get(slot(i)); }
   /// Element access by an index that is not a number (an integer
   /// expression): the layer that defines the index type supplies
   /// TavElementOf(array, index), found through the index's type, so the
@@ -126,9 +140,9 @@ class TavValueArray : public TavArrayBase {
   void add(T v) {
     TavArraySlot s;
     TavSlotOf<T>::get(s) = v;
-    _impl->add(s);
+    live()->add(s);
   }
-  void add(TavValueArray other) { _impl->addArray(other._impl); }
+  void add(TavValueArray other) { live()->addArray(TavLive(other._impl)); }
 };
 
 class TavNumArray : public TavValueArray<double> {
@@ -189,18 +203,18 @@ class TavExtractableArray : public TavArrayBase {
   TavExtractableArray(TavArrayI* impl = nullptr) : TavArrayBase(impl) {}
   explicit TavExtractableArray(TavEnv env, TavInt n = 0) : TavArrayBase(Make(env, n)) {}
   TavArrayElement<TavExtractable> operator[](TavInt i) const {
-    TavArraySlot& s = _impl->at(i);
+    TavArraySlot& s = slot(i);
     return TavArrayElement<TavExtractable>(TavExtractable(s.obj), s);
   }
   void add(TavExtractable e) { addObject(e.getImpl()); }
-  void add(TavExtractableArray other) { _impl->addArray(other._impl); }
-  void addArray(TavExtractableArray other) { _impl->addArray(other._impl); }
-  TavExtractableI* getObject(TavInt i) const { return _impl->at(i).obj; }
-  void setObject(TavInt i, TavExtractableI* obj) const { _impl->at(i).obj = obj; }
+  void add(TavExtractableArray other) { live()->addArray(TavLive(other._impl)); }
+  void addArray(TavExtractableArray other) { live()->addArray(TavLive(other._impl)); }
+  TavExtractableI* getObject(TavInt i) const { return slot(i).obj; }
+  void setObject(TavInt i, TavExtractableI* obj) const { slot(i).obj = obj; }
   void addObject(TavExtractableI* obj) {
     TavArraySlot s;
     s.obj = obj;
-    _impl->add(s);
+    live()->add(s);
   }
   /// Ends every non-null element.
   void endElements();

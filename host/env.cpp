@@ -293,6 +293,8 @@ class ChildCollector : public TavExtractableVisitor {
 }  // namespace
 
 TavExtractableI* TavEnvI::cloneInto(TavExtractableI* root, TavEnvI* target) {
+  TavNeed(target);
+  if (TavMemory::EnvOf(TavNeed(root)) != this) throw TavWrongUsage("cloneInto: the object is not of this Environment", 0);
   // A pass into another target starts afresh: a clone of one target is never
   // handed to another.
   if (target != _cloneTarget) {

@@ -511,6 +511,8 @@ class TavEnvI {
 /// variable whose environment has ended.
 inline TavEnvI* TavVarEnv(const TavNumVarI* var) { return TavMemory::EnvOf(var); }
 
-inline void* TavMemoryManagerObjectI::operator new(std::size_t bytes, TavEnvI* env) { return env->alloc(bytes); }
+
+/// An empty environment handle refuses here, before anything is built in it.
+inline void* TavMemoryManagerObjectI::operator new(std::size_t bytes, TavEnvI* env) { return TavNeed(env)->alloc(bytes); }
 
 #endif

@@ -549,3 +549,5 @@ void* TavFixedSizeAllocatorI::refill(TavMemory* memory) {
   for (std::size_t i = 1; i < n; ++i) TAV_POISON(base + i * _size, _size);
   return base;
 }
+
+void TavThrowEnded() { throw TavWrongUsage("object of an ended Environment", 0); }

@@ -258,4 +258,17 @@ class TavFixedSizeAllocatorI {
   std::size_t _taken = 0;
 };
 
+[[noreturn]] void TavThrowEnded();
+
+/// The object behind a handle: TavEmptyHandleException when there is none,
+/// TavWrongUsage when its environment has ended. The owner of the object's
+/// memory is looked up without reading the object, which an ended
+/// environment has given back.
+template <class P>
+P* TavLive(P* p) {
+  TavNeed(p);
+  if (TAV_UNLIKELY(TavMemory::EnvOf(p) == nullptr)) TavThrowEnded();
+  return p;
+}
+
 #endif

@@ -5,6 +5,7 @@
 #ifndef TAV_TEST_SWEEP_H
 #define TAV_TEST_SWEEP_H
 
+#include <cstdio>
 #include <functional>
 #include <new>
 
@@ -15,6 +16,19 @@
 
 namespace tavtest {
 
+/// (operation, k) pairs tried by every sweep of this process, printed when
+/// the tests end: the size of the allocation-failure campaign.
+inline TavInt& sweptPairs() {
+  static TavInt pairs = 0;
+  return pairs;
+}
+struct SweptPairsReport : ::testing::Environment {
+  void TearDown() override {
+    if (sweptPairs() > 0) std::printf("allocation-failure sweeps: %ld (operation, k) pairs\n", sweptPairs());
+  }
+};
+inline const bool sweptPairsReported = (::testing::AddGlobalTestEnvironment(new SweptPairsReport), true);
+
 /// Calls build with the k-th allocation failing, k = 1, 2, ..., until it
 /// returns a node; after each failure the live bytes and unchanged() (which
 /// asserts what the caller needs kept) must be as before. Returns the node.
@@ -24,6 +38,7 @@ inline TavNumExprArg buildThroughFailures(TavEnvI* env, const std::function<TavN
   TavNumExprArg built;
   int failures = 0;
   for (TavInt k = 1; built.getImpl() == nullptr; ++k) {
+    ++sweptPairs();
     env->getMemory().failAfter(k);
     try {
       built = build();
@@ -54,6 +69,7 @@ inline void sweepBuildAndClone(TavEnvI* env, const std::function<TavNumExprArg()
   const std::size_t targetBytes = target->getMemory().getLiveBytes();
   TavExtractableI* clone = nullptr;
   for (TavInt k = 1; clone == nullptr; ++k) {
+    ++sweptPairs();
     target->getMemory().failAfter(k);
     try {
       clone = env->cloneInto(built.getImpl(), target);

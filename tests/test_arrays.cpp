@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tavexpression.h"
+#include "sweep.h"
 #include "test_support.h"
 
 namespace {
@@ -127,6 +128,7 @@ TEST(VarArrays, ColumnConstructorsLeaveEmptyColumnsNull) {
     TavNumVarArray a;
     const TavInt objects = env.getImpl()->getLiveObjectCount();
     for (TavInt k = 1; a.getImpl() == nullptr; ++k) {
+      ++tavtest::sweptPairs();
       env.getImpl()->getMemory().failAfter(k);
       try {
         a = c.make(cols);

@@ -328,6 +328,7 @@ TEST(ConstraintArrays, AllocationFailureLeavesNoArrayBehind) {
   Counters before(ei);
   bool done = false;
   for (TavInt k = 1; !done && k < 100; ++k) {
+    ++tavtest::sweptPairs();
     ei->getMemory().failAfter(k);
     try {
       TavConstraintArray a(env, 3, t, t, t);

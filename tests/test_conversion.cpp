@@ -359,6 +359,7 @@ TEST_F(Conversion, AllocationFailuresLeaveNothing) {
   TavExtractableI* clone = nullptr;
   int failures = 0;
   for (TavInt k = 1; clone == nullptr; ++k) {
+    ++tavtest::sweptPairs();
     target->getMemory().failAfter(k);
     try {
       clone = ei()->cloneInto(c.getImpl(), target);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tavexpression.h"
+#include "sweep.h"
 #include "test_support.h"
 
 namespace {
@@ -189,7 +190,9 @@ TEST(Environment, InjectedAllocationFailuresLeaveCountsAsTheyWere) {
     SCOPED_TRACE(b.what);
     bool done = false;
     for (TavInt k = 1; !done && k < 200; ++k) {
-      mem.failAfter(k);
+      ++tavtest::sweptPairs();
+      ++tavtest::sweptPairs();
+    mem.failAfter(k);
       try {
         b.run(env, x, y);
         done = true;
@@ -212,6 +215,7 @@ TEST(Environment, FailedSumsLeaveTheTermCellsTheyWereGivenToTheirHandles) {
   for (TavInt k = 1; k <= 2; ++k) {  // x's cell or the node fails
     SCOPED_TRACE(k);
     TavNumLinExprTerm t = 2 * y;
+    ++tavtest::sweptPairs();
     mem.failAfter(k);
     EXPECT_THROW(x + t, std::bad_alloc);
     mem.failAfter(0);

@@ -29,6 +29,7 @@ struct Stage {
   TavEnv dead;
   TavNumVar deadX{dead, 0.0, 1.0};
   TavIntVar deadI{dead, 0, 5};
+  TavNumArray deadNums{dead, 3};
   NamedVars a{-100, 100}, b{-100, 100};
   TavIntVar k{a.env, 0, 2, "k"};
   Stage() { dead.end(); }
@@ -245,3 +246,136 @@ TEST(Misuse, Remainders) { TAV_MODULO_FAMILY(MISUSE_CST, MISUSE_BIN) }
 TEST(Misuse, Powers) { TAV_POWER_FAMILY(MISUSE_CST, MISUSE_BIN) }
 TEST(Misuse, UnaryFunctions) { TAV_SQUARE_FAMILY(MISUSE_UN) TAV_ELEMENTARY_FAMILY(MISUSE_UN) TAV_ROUNDING_FAMILY(MISUSE_UN) }
 TEST(Misuse, ElementAccess) { TAV_ELEMENT_FAMILY(MISUSE_ELT) }
+
+// ------------------------------------------------------------------ the other entry points
+
+namespace {
+
+/// Arrays of both environments and of the wrong size, made before any
+/// refused call so that the counts compare the call alone.
+struct Fixtures : Stage {
+  TavNumArray nums{a.env, {1.0, 2.0, 3.0}}, twoNums{a.env, {1.0, 2.0}}, theirNums{b.env, {1.0, 2.0, 3.0}};
+  TavIntArray ints{a.env, {1, 2, 3}};
+  TavNumVarArray vars{a.env, 0}, mixedVars{a.env, 0};
+  TavIntVarArray intVars{a.env, 0};
+  TavIntExprArray holed{a.env, 3}, mixed{a.env, 0};
+  TavNumArray nanPoints{a.env, {0.0, NaN}};
+  TavExpr sum{a.env};
+  TavSolution sol{a.env};
+  Fixtures() {
+    vars.add(a.x), vars.add(a.y), vars.add(a.x);
+    mixedVars.add(a.x), mixedVars.add(b.y), mixedVars.add(a.y);
+    intVars.add(a.i), intVars.add(a.j), intVars.add(a.i);
+    mixed.add(a.i), mixed.add(b.i);
+    sum += 2 * a.x;
+  }
+};
+
+const TavEnv NoEnv{static_cast<TavEnvI*>(nullptr)};  // an empty handle (TavEnv() makes a new one)
+
+struct Row {
+  const char* what;
+  Refusal want;
+  std::function<void(Fixtures&)> call;
+};
+
+const Row Rows[] = {
+    // Scalar products and sums.
+    {"TavScalProd of arrays of two sizes", Refusal::Any, [](Fixtures& f) { TavScalProd(f.twoNums, f.vars); }},
+    {"TavScalProd over variables of two environments", Refusal::WrongUsage,
+     [](Fixtures& f) { TavScalProd(f.nums, f.mixedVars); }},
+    {"TavScalProd over expressions of two environments", Refusal::WrongUsage,
+     [](Fixtures& f) { TavScalProd(f.mixed, f.mixed); }},
+    {"TavScalProd of an empty array", Refusal::Empty, [](Fixtures& f) { TavScalProd(TavNumArray(), f.vars); }},
+    {"TavScalProd of an empty variable array", Refusal::Empty, [](Fixtures& f) { TavScalProd(f.nums, TavNumVarArray()); }},
+    {"TavSum of an empty array", Refusal::Empty, [](Fixtures&) { TavSum(TavNumExprArray()); }},
+    {"TavSum of an array holding an empty handle", Refusal::Empty, [](Fixtures& f) { TavSum(TavIntExprArray(f.holed)); }},
+    // Counting and spread.
+    {"TavCount of an empty array", Refusal::Empty, [](Fixtures&) { TavCount(TavIntExprArray(), 1); }},
+    {"TavCount of an array holding an empty handle", Refusal::ArrayError, [](Fixtures& f) { TavCount(f.holed, 1); }},
+    {"TavCount over two environments", Refusal::WrongUsage, [](Fixtures& f) { TavCount(f.mixed, 1); }},
+    {"TavStandardDeviation of an empty array", Refusal::Empty, [](Fixtures&) { TavStandardDeviation(TavIntVarArray()); }},
+    {"TavStandardDeviation over two environments", Refusal::WrongUsage, [](Fixtures& f) { TavStandardDeviation(f.mixed); }},
+    // Piecewise and monotonic functions.
+    {"TavPiecewiseLinear of an empty operand", Refusal::Empty,
+     [](Fixtures& f) { TavPiecewiseLinear(TavNumExprArg(), f.twoNums, f.nums, 0, 0); }},
+    {"TavPiecewiseLinear with an empty array", Refusal::Empty,
+     [](Fixtures& f) { TavPiecewiseLinear(f.a.x, TavNumArray(), f.nums, 0, 0); }},
+    {"TavPiecewiseLinear of an ended environment's variable", Refusal::WrongUsage,
+     [](Fixtures& f) { TavPiecewiseLinear(f.deadX, f.twoNums, f.nums, 0, 0); }},
+    {"TavMonotonicIncreasingNumExpr of an empty operand", Refusal::Empty,
+     [](Fixtures&) { TavMonotonicIncreasingNumExpr(TavNumExprArg(), std::exp, std::log); }},
+    // Operators and in-place operations.
+    {"x + y over two environments", Refusal::WrongUsage, [](Fixtures& f) { f.a.x + f.b.x; }},
+    {"x * y over two environments", Refusal::WrongUsage, [](Fixtures& f) { f.a.x * f.b.x; }},
+    {"empty + x", Refusal::Empty, [](Fixtures& f) { TavNumExprArg() + f.a.x; }},
+    {"e += another environment's variable", Refusal::WrongUsage, [](Fixtures& f) { f.sum += f.b.x; }},
+    {"e += an empty variable", Refusal::Empty, [](Fixtures& f) { f.sum += TavNumVar(); }},
+    {"e += an ended environment's variable", Refusal::WrongUsage, [](Fixtures& f) { f.sum += f.deadX; }},
+    {"e -= an ended environment's term", Refusal::WrongUsage, [](Fixtures& f) { f.sum -= 2 * f.deadX; }},
+    {"e += an ended environment's expression", Refusal::WrongUsage,
+     [](Fixtures& f) { f.sum += TavNumExprArg(f.deadX); }},
+    {"setLinearCoef of an empty variable", Refusal::Empty, [](Fixtures& f) { f.sum.setLinearCoef(TavNumVar(), 1.0); }},
+    {"TavExpr in no environment", Refusal::Empty, [](Fixtures&) { TavExpr e{NoEnv}; }},
+    // Variables, arrays and evaluation.
+    {"a variable in no environment", Refusal::Empty, [](Fixtures&) { TavNumVar v(NoEnv, 0.0, 1.0); }},
+    {"an array in no environment", Refusal::Empty, [](Fixtures&) { TavNumVarArray v(NoEnv, 2); }},
+    {"setLB of an empty variable", Refusal::Empty, [](Fixtures&) { TavNumVar().setLB(0.0); }},
+    {"getLB of an empty variable", Refusal::Empty, [](Fixtures&) { (void)TavNumVar().getLB(); }},
+    {"getMax of an ended environment's variable", Refusal::WrongUsage, [](Fixtures& f) { (void)f.deadI.getMax(); }},
+    {"the name of an empty object", Refusal::Empty, [](Fixtures&) { (void)TavExtractable().getName(); }},
+    {"an element past the end", Refusal::ArrayError, [](Fixtures& f) { (void)f.nums[3]; }},
+    {"an element before the start", Refusal::ArrayError, [](Fixtures& f) { (void)f.vars[-1]; }},
+    {"an element of an empty array", Refusal::Empty, [](Fixtures&) { (void)TavIntArray()[0]; }},
+    {"adding to an ended environment's array", Refusal::WrongUsage, [](Fixtures& f) { f.deadNums.add(1.0); }},
+    {"appending an ended environment's array", Refusal::WrongUsage, [](Fixtures& f) { f.nums.add(f.deadNums); }},
+    {"removing from an empty array", Refusal::Empty, [](Fixtures&) { TavNumArray().remove(0); }},
+    {"setLB of an ended environment's variable", Refusal::WrongUsage, [](Fixtures& f) { f.deadX.setLB(0.0); }},
+    {"a value of an empty variable", Refusal::Empty, [](Fixtures& f) { f.sol.setValue(TavNumVar(), 1.0); }},
+    {"the value of an empty expression", Refusal::Empty, [](Fixtures& f) { f.sol.getValue(TavNumExprArg()); }},
+    {"a semi-continuous variable in no environment", Refusal::Empty,
+     [](Fixtures&) { TavSemiContVar v(NoEnv, 1.0, 2.0); }},
+    {"a conversion of an empty variable", Refusal::Empty,
+     [](Fixtures& f) { TavConversion c(f.a.env, TavNumVar(), TavNumVar::Int); }},
+    {"the indicator of an empty constraint", Refusal::Empty, [](Fixtures&) { TavNumVar v(TavConstraint{}); }},
+    {"cloning an ended environment's variable", Refusal::WrongUsage,
+     [](Fixtures& f) { f.a.env.getImpl()->cloneInto(f.deadX.getImpl(), f.b.env.getImpl()); }},
+};
+
+}  // namespace
+
+/// Calls whose numbers or sizes are not checked: the library keeps its
+/// documented result for them (a value past an array's end reads as
+/// not-a-number; the numbers of another environment's array are copied).
+const struct {
+  const char* what;
+  TavNumExprArg (*call)(Fixtures&);
+} Unchecked[] = {
+    {"TavPiecewiseLinear with one slope too few", [](Fixtures& f) -> TavNumExprArg { return TavPiecewiseLinear(f.a.x, f.nums, f.nums, 0, 0); }},
+    {"TavPiecewiseLinear with no values", [](Fixtures& f) -> TavNumExprArg { return TavPiecewiseLinear(f.a.x, 1.0, f.nums, f.twoNums, 1.0); }},
+    {"TavPiecewiseLinear over another environment's numbers",
+     [](Fixtures& f) -> TavNumExprArg { return TavPiecewiseLinear(f.a.x, f.twoNums, f.theirNums, 0, 0); }},
+    {"TavPiecewiseLinear with a not-a-number breakpoint",
+     [](Fixtures& f) -> TavNumExprArg { return TavPiecewiseLinear(f.a.x, f.nanPoints, f.nums, 0, 0); }},
+    {"TavScalProd with another environment's numbers", [](Fixtures& f) -> TavNumExprArg { return TavScalProd(f.theirNums, f.vars); }},
+    {"x * NaN", [](Fixtures& f) -> TavNumExprArg { return f.a.x * NaN; }},
+    {"x + infinity", [](Fixtures& f) -> TavNumExprArg { return f.a.x + Inf; }},
+    {"TavStandardDeviation with bounds that are not numbers",
+     [](Fixtures& f) -> TavNumExprArg { return TavStandardDeviation(f.intVars, NaN, NaN); }},
+};
+
+TEST(Misuse, EveryOtherEntryPoint) {
+  for (const Row& r : Rows) {
+    Fixtures f;
+    expectRefused(f, r.what, r.want, [&] { r.call(f); });
+  }
+  for (const auto& u : Unchecked) {
+    Fixtures f;
+    expectBuiltOrRefused(f, u.what, [&] { return u.call(f); });
+    TavSolution sol(f.a.env);
+    sol.setValue(f.a.x, 0.5), sol.setValue(f.a.y, 2.0), sol.setValue(f.a.i, 3), sol.setValue(f.a.j, 4);
+    TavNumExpr e(u.call(f));
+    (void)sol.getValue(e);  // must evaluate, whatever the value
+    e.end();
+  }
+}
