@@ -85,21 +85,27 @@ TAV_MINMAX_FAMILY(TAV_CST_NODE, TAV_BINARY_NODE, TAV_ARRAY_NODE)
       std::pow(a, b))
 TAV_POWER_FAMILY(TAV_CST_NODE, TAV_BINARY_NODE)
 
+///@{
 /// x to the power y; TavWrongUsage for operands of two environments.
 TavNumExprArg TavPower(const TavNumExprArg& x, const TavNumExprArg& y);
 TavNumExprArg TavPower(const TavNumExprArg& x, double c);
 TavNumExprArg TavPower(double c, const TavNumExprArg& x);
+///@}
 
-// Integer quotients, never folded; a zero divisor is the caller's concern.
+///@{
+/// Integer quotient truncated toward zero, never folded; a zero divisor is the caller's concern.
 TavIntExprArg TavDiv(const TavIntExprArg& a, const TavIntExprArg& b);
 TavIntExprArg TavDiv(const TavIntExprArg& x, TavInt c);
 TavIntExprArg TavDiv(TavInt c, const TavIntExprArg& x);
 TavIntExprArg TavDiv(const TavIntExprArg& x, int c);
 TavIntExprArg TavDiv(int c, const TavIntExprArg& x);
+///@}
 
 // Minimum and maximum. No builder simplifies; the node builders over arrays
 // accept an empty array (its node reports it when evaluated), while the
 // number-array forms compute at once and reject it.
+///@{
+/// The smaller of two operands, or the smallest element of an array.
 TavNumExprArg TavMin(const TavNumExprArg& a, const TavNumExprArg& b);
 TavNumExprArg TavMin(const TavNumExprArg& x, double c);
 TavNumExprArg TavMin(double c, const TavNumExprArg& x);
@@ -114,7 +120,10 @@ TavNumExprArg TavMin(const TavNumVarArray& a);
 TavIntExprArg TavMin(const TavIntVarArray& a);
 double TavMin(const TavNumArray& a);
 TavInt TavMin(const TavIntArray& a);
+///@}
 
+///@{
+/// The larger of two operands, or the largest element of an array.
 TavNumExprArg TavMax(const TavNumExprArg& a, const TavNumExprArg& b);
 TavNumExprArg TavMax(const TavNumExprArg& x, double c);
 TavNumExprArg TavMax(double c, const TavNumExprArg& x);
@@ -129,9 +138,13 @@ TavNumExprArg TavMax(const TavNumVarArray& a);
 TavIntExprArg TavMax(const TavIntVarArray& a);
 double TavMax(const TavNumArray& a);
 TavInt TavMax(const TavIntArray& a);
+///@}
 
+///@{
+/// TavDiv, TavMin and TavMax with a TavIntExpr operand, forwarded to the integer forms.
 TAV_INT_EXPR_BINARY(TavDiv)
 TAV_INT_EXPR_BINARY(TavMin)
 TAV_INT_EXPR_BINARY(TavMax)
+///@}
 
 #endif

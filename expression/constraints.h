@@ -75,6 +75,7 @@ class TavConstraint : public TavIntExprArg {
   TavConstraintI* getImpl() const { return static_cast<TavConstraintI*>(_impl); }
 };
 
+/// An array of constraint handles, to add, remove or hand over many constraints at once.
 class TavConstraintArray : public TavHandleArray<TavConstraint, TavConstraintI> {
  public:
   using TavHandleArray::TavHandleArray;

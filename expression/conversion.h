@@ -88,6 +88,7 @@ class TavConversionRemoveVar final : public TavChangeNode<TavConversionRemoveVar
   TavConversionI* _conversion;
 };
 
+/// Prints the conversion's display form; "<empty>" for an empty handle.
 std::ostream& operator<<(std::ostream& os, const TavConversion& c);
 
 #endif

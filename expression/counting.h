@@ -75,16 +75,22 @@ class TavStandardDeviationI final : public TavNode<TavStandardDeviationI, TavNum
   double _upperBound;
 };
 
+///@{
 /// How many elements of exprs equal value, in the array's environment. The
 /// array must be non-empty with every element set and of that environment.
 TavIntExprArg TavCount(const TavIntExprArray& exprs, TavInt value);
 TavIntExprArg TavCount(const TavIntVarArray& vars, TavInt value);
+///@}
 
+///@{
 /// The standard deviation of the elements' values, with bounds for solvers.
 TavNumExprArg TavStandardDeviation(const TavIntExprArray& exprs, double lowerBound, double upperBound);
 TavNumExprArg TavStandardDeviation(const TavIntVarArray& vars, double lowerBound, double upperBound);
-/// Bounds minus and plus infinity.
+///@}
+///@{
+/// The standard deviation with bounds minus and plus infinity.
 TavNumExprArg TavStandardDeviation(const TavIntExprArray& exprs);
 TavNumExprArg TavStandardDeviation(const TavIntVarArray& vars);
+///@}
 
 #endif

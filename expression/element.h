@@ -39,13 +39,17 @@ TAV_ELEMENT_FAMILY(TAV_ELEMENT_NODE)
 // environment over a private copy. An empty array or index handle, or a
 // null element of an array of expressions or variables, throws
 // TavEmptyHandleException before anything is made.
+/// a[index] over an array of doubles: a numeric expression.
 TavNumExprArg TavElement(const TavNumArray& a, const TavIntExprArg& index);
+/// a[index] over an array of integers: an integer expression.
 TavIntExprArg TavElement(const TavIntArray& a, const TavIntExprArg& index);
 /// Over the variables themselves (uncounted): the node of an array of numeric expressions.
 TavNumExprArg TavElement(const TavNumVarArray& a, const TavIntExprArg& index);
 /// Over the variables themselves: the node of an array of integer expressions.
 TavIntExprArg TavElement(const TavIntVarArray& a, const TavIntExprArg& index);
+/// a[index] over an array of numeric expressions.
 TavNumExprArg TavElement(const TavNumExprArray& a, const TavIntExprArg& index);
+/// a[index] over an array of integer expressions: an integer expression.
 TavIntExprArg TavElement(const TavIntExprArray& a, const TavIntExprArg& index);
 
 /// numArray[index] for an integer-expression index (the value arrays find

@@ -74,6 +74,7 @@ class TavIntExprI : public TavNode<TavIntExprI, TavNumExprI> {
   virtual TavIntLinTermI* toIntLinTermI();
 };
 
+/// Throws TavWrongUsage for a term already taken by an expression (a term is used once).
 [[noreturn]] void TavThrowUsedTerm();
 
 /// A term handle's cell, checked before an expression takes it:

@@ -26,21 +26,27 @@
     return R(env->newTerm(v, (double)c));                                 \
   }                                                                       \
   inline R operator*(N c, const X& x) { return x * c; }
+///@{
+/// c * x or x * c: a term of a linear expression, made in the variable's environment.
 TAV_TERM(TavNumLinExprTerm, TavNumVar, double)
 TAV_TERM(TavNumLinExprTerm, TavNumVar, TavInt)
 TAV_TERM(TavNumLinExprTerm, TavNumVar, int)
 TAV_TERM(TavNumLinExprTerm, TavIntVar, double)
 TAV_TERM(TavIntLinExprTerm, TavIntVar, TavInt)
 TAV_TERM(TavIntLinExprTerm, TavIntVar, int)
+///@}
 #undef TAV_TERM
 
 // Negation.
+///@{
+/// -x: a term negates its coefficient, an expression becomes -1 times it.
 TavNumLinExprTerm operator-(TavNumLinExprTerm t);
 TavIntLinExprTerm operator-(TavIntLinExprTerm t);
 TavNumLinExprTerm operator-(const TavNumVar& x);
 TavIntLinExprTerm operator-(const TavIntVar& x);
 TavNumExprArg operator-(const TavNumExprArg& e);
 TavIntExprArg operator-(const TavIntExprArg& e);
+///@}
 
 namespace tav_detail {
 /// The general sums of a node and a term handle, by their row of the sum
@@ -104,6 +110,8 @@ inline R asArg(TavNumExprI* e) {
   }                                                                                            \
   R operator-(T t, const A& a);
 // Numeric.
+///@{
+/// a + b and a - b over numeric expressions, terms and numbers: linear operands fold into one linear expression.
 TAV_SUM_FORMS(TavNumExprArg, const TavNumExprArg&, const TavNumExprArg&)
 TAV_SUM_NODE_TERM(TavNumExprArg, TavNumLinTermI, TavNumExprArg, TavNumLinExprTerm, 1)
 TAV_SUM_NODE_TERM(TavNumExprArg, TavNumLinTermI, TavNumExprArg, TavIntLinExprTerm, 2)
@@ -120,7 +128,10 @@ TAV_SUM_FORMS(TavNumExprArg, TavIntLinExprTerm, double)
 TAV_SUM_FORMS(TavNumExprArg, double, TavIntLinExprTerm)
 TAV_SUM_FORMS(TavNumExprArg, const TavIntExprArg&, double)
 TAV_SUM_FORMS(TavNumExprArg, double, const TavIntExprArg&)
+///@}
 // Integer.
+///@{
+/// a + b and a - b over integer expressions, terms and integers: an integer expression.
 TAV_SUM_FORMS(TavIntExprArg, const TavIntExprArg&, const TavIntExprArg&)
 TAV_SUM_NODE_TERM(TavIntExprArg, TavIntLinTermI, TavIntExprArg, TavIntLinExprTerm, 9)
 TAV_SUM_TERM_NODE(TavIntExprArg, TavIntLinTermI, TavIntLinExprTerm, TavIntExprArg, 10)
@@ -133,11 +144,14 @@ TAV_SUM_FORMS(TavIntExprArg, TavIntLinExprTerm, TavInt)
 TAV_SUM_FORMS(TavIntExprArg, TavInt, TavIntLinExprTerm)
 TAV_SUM_FORMS(TavIntExprArg, TavIntLinExprTerm, int)
 TAV_SUM_FORMS(TavIntExprArg, int, TavIntLinExprTerm)
+///@}
 #undef TAV_SUM_FORMS
 #undef TAV_SUM_NODE_TERM
 #undef TAV_SUM_TERM_NODE
 
 // Products.
+///@{
+/// a * b: a constant factor scales a linear operand in place of a product node.
 TavNumExprArg operator*(const TavNumExprArg& e, double d);
 TavNumExprArg operator*(double d, const TavNumExprArg& e);
 TavNumExprArg operator*(const TavNumExprArg& a, const TavNumExprArg& b);
@@ -148,27 +162,37 @@ TavIntExprArg operator*(TavInt k, const TavIntExprArg& e);
 TavIntExprArg operator*(const TavIntExprArg& e, int k);
 TavIntExprArg operator*(int k, const TavIntExprArg& e);
 TavIntExprArg operator*(const TavIntExprArg& a, const TavIntExprArg& b);
+///@}
 
 // Quotients.
+///@{
+/// a / b as a numeric expression; integer operands divide exactly here (TavDiv truncates).
 TavNumExprArg operator/(const TavNumExprArg& e, double d);
 TavNumExprArg operator/(double d, const TavNumExprArg& e);
 TavNumExprArg operator/(const TavNumExprArg& a, const TavNumExprArg& b);
+///@}
 
 // Integer remainders (truncated division: the sign of the dividend).
+///@{
+/// a % b: the remainder of the truncated integer division, as an integer expression.
 TavIntExprArg operator%(const TavIntExprArg& a, const TavIntExprArg& b);
 TavIntExprArg operator%(const TavIntExprArg& e, TavInt k);
 TavIntExprArg operator%(TavInt k, const TavIntExprArg& e);
 TavIntExprArg operator%(const TavIntExprArg& e, int k);
 TavIntExprArg operator%(int k, const TavIntExprArg& e);
+///@}
 
 // A TavIntExpr is a TavNumExpr; these templates hand it to the integer forms
 // above, so that integer handles keep integer arithmetic. They apply only
 // when an operand is exactly a TavIntExpr.
+/// An integer expression handle as the integer operand of the forms above.
 inline TavIntExprArg TavAsIntOperand(const TavIntExpr& e) { return e; }
+/// Any other operand, passed on unchanged.
 template <class T>
 const T& TavAsIntOperand(const T& t) {
   return t;
 }
+/// Enables a template form when A or B is exactly TavIntExpr.
 template <class A, class B = A>
 using TavIfIntExpr =
     std::enable_if_t<std::is_same<A, TavIntExpr>::value || std::is_same<B, TavIntExpr>::value, int>;
@@ -177,6 +201,8 @@ using TavIfIntExpr =
   auto F(const A& a, const B& b)->decltype(F(TavAsIntOperand(a), TavAsIntOperand(b))) { \
     return F(TavAsIntOperand(a), TavAsIntOperand(b));                          \
   }
+///@{
+/// The operators with a TavIntExpr operand, forwarded to the integer forms.
 TAV_INT_EXPR_BINARY(operator+)
 TAV_INT_EXPR_BINARY(operator-)
 TAV_INT_EXPR_BINARY(operator*)
@@ -186,5 +212,6 @@ template <class A, TavIfIntExpr<A> = 0>
 TavIntExprArg operator-(const A& a) {
   return -TavAsIntOperand(a);
 }
+///@}
 
 #endif

@@ -314,6 +314,7 @@ class TavElementNode : public TavNode<Self, Base> {
 /// Eval(expression of the node self and the algorithm alg) for a node that
 /// reads its operand itself (self.operandValue(alg)).
 #define TAV_UNARY_NODE(Name, Base, How, Builder, Operand, Integrality, Texts_, Formula) \
+  /** The node that Builder builds in an expression tree, over an operand given as Operand. */ \
   class Name final : public TavUnaryNode<Name, Base> {                         \
     TAV_NODE_STATICS                                                           \
    public:                                                                     \
@@ -331,6 +332,7 @@ class TavElementNode : public TavNode<Self, Base> {
 /// A row with an operand and a constant: Formula of the operand's value v
 /// and the constant c.
 #define TAV_CST_NODE(Name, Base, How, Builder, Constant, Integrality, Order_, Texts_, Formula) \
+  /** The node that Builder builds over an operand (value v) and a Constant constant c: the value Formula. */ \
   class Name final : public TavCstNode<Name, Base, Constant> {                                \
     TAV_NODE_STATICS                                                                          \
    public:                                                                                    \
@@ -342,6 +344,7 @@ class TavElementNode : public TavNode<Self, Base> {
 
 /// A two-operand row: Formula of the left value a and the right value b.
 #define TAV_BINARY_NODE(Name, Base, How, Builder, Integrality, Texts_, Formula) \
+  /** The node that Builder builds over two operands: the value Formula of their values a and b. */ \
   class Name final : public TavBinaryNode<Name, Base> {                         \
     TAV_NODE_STATICS                                                            \
    public:                                                                      \
@@ -353,6 +356,7 @@ class TavElementNode : public TavNode<Self, Base> {
 /// An array row: Better is a test of the candidate v against the running
 /// value m; Message is thrown when the array is empty at evaluation.
 #define TAV_ARRAY_NODE(Name, Base, How, Builder, Array, Integrality, Texts_, Message, Better_) \
+  /** The node that Builder builds over a Array, where an element's v replaces the running m when Better_. */ \
   class Name final : public TavArrayNode<Name, Base, Array> {                                  \
     TAV_NODE_STATICS                                                                           \
    public:                                                                                     \
@@ -364,6 +368,7 @@ class TavElementNode : public TavNode<Self, Base> {
 
 /// An element row over arrays of type Array.
 #define TAV_ELEMENT_NODE(Name, Base, How, Builder, Array, Integrality, Texts_) \
+  /** The node that Builder builds for a[index] over a Array a: the element at the index's value. */ \
   class Name final : public TavElementNode<Name, Base, Array> {                \
     TAV_NODE_STATICS                                                           \
    public:                                                                     \

@@ -94,31 +94,45 @@ TAV_ELEMENTARY_FAMILY(TAV_UNARY_NODE)
      TAV_TEXTS("TavVurRound(", "", ") ", "round(", "", ")"), Apply(TavVurRound(v)))
 TAV_ROUNDING_FAMILY(TAV_UNARY_NODE)
 
+/// x * x.
 TavNumExprArg TavSquare(const TavNumExprArg& x);
+/// x * x as an integer expression.
 TavIntExprArg TavSquare(const TavIntExprArg& x);
+/// The absolute value |x|.
 TavNumExprArg TavAbs(const TavNumExprArg& x);
+/// The absolute value |x| as an integer expression.
 TavIntExprArg TavAbs(const TavIntExprArg& x);
 /// 1, -1 or 0 by the operand's sign, as an integer expression.
 TavIntExprArg TavSgn(const TavNumExprArg& x);
-// An integer handle keeps the integer forms.
+/// An integer handle keeps the integer square.
 inline TavIntExprArg TavSquare(const TavIntExpr& x) { return TavSquare(TavIntExprArg(x)); }
+/// An integer handle keeps the integer absolute value.
 inline TavIntExprArg TavAbs(const TavIntExpr& x) { return TavAbs(TavIntExprArg(x)); }
 
+/// The sine of x, in radians.
 TavNumExprArg TavSin(const TavNumExprArg& x);
+/// The cosine of x, in radians.
 TavNumExprArg TavCos(const TavNumExprArg& x);
+/// The tangent of x, in radians.
 TavNumExprArg TavTan(const TavNumExprArg& x);
+/// The arc sine of x, in radians.
 TavNumExprArg TavArcSin(const TavNumExprArg& x);
+/// The arc cosine of x, in radians.
 TavNumExprArg TavArcCos(const TavNumExprArg& x);
+/// The arc tangent of x, in radians.
 TavNumExprArg TavArcTan(const TavNumExprArg& x);
 /// The natural logarithm.
 TavNumExprArg TavLog(const TavNumExprArg& x);
+/// e to the power x.
 TavNumExprArg TavExponent(const TavNumExprArg& x);
 /// TavLog(x) divided by log(2) through the division operator: no node of its own.
 TavNumExprArg TavLog2(const TavNumExprArg& x);
 /// TavLog(x) divided by log(10) through the division operator.
 TavNumExprArg TavLog10(const TavNumExprArg& x);
 
+/// The smallest whole number not below x.
 TavNumExprArg TavCeil(const TavNumExprArg& x);
+/// The largest whole number not above x.
 TavNumExprArg TavFloor(const TavNumExprArg& x);
 /// Truncation toward zero (through a 64-bit integer); the host's
 /// TavTrunc(double) stays the scalar form.

@@ -8,8 +8,11 @@
 #include <ostream>
 #include <string>
 
+/// The library's integer: signed 64 bits.
 typedef long TavInt;
+/// The library's floating-point number.
 typedef double TavNum;
+/// The library's Boolean.
 typedef bool TavBool;
 
 static_assert(sizeof(TavInt) == 8, "TavInt must be a signed 64-bit integer");
@@ -80,11 +83,17 @@ class TavException : public std::exception {
     const char* defaultText() const noexcept override { return #Name; } \
   };
 
+/// A call the library refuses: bad arguments, objects of two environments, an ended object.
 TAV_EXCEPTION_CLASS(TavWrongUsage, TavException)
+/// A handle used while empty (it points to no object).
 TAV_EXCEPTION_CLASS(TavEmptyHandleException, TavException)
+/// A request the library does not carry out, such as cloning an object that has no clone.
 TAV_EXCEPTION_CLASS(TavNotImplemented, TavException)
+/// A request the object's kind does not allow, such as an integer variable from doubles.
 TAV_EXCEPTION_CLASS(TavNotSupportedOperation, TavException)
+/// An object that cannot be seen as the type asked, such as a continuous variable as Boolean.
 TAV_EXCEPTION_CLASS(TavBadConversion, TavException)
+/// An array unfit for its use: empty, with an empty element, or indexed out of range.
 TAV_EXCEPTION_CLASS(TavArrayError, TavException)
 
 /// The pointer behind a handle, or TavEmptyHandleException when it is null:
@@ -95,6 +104,7 @@ P* TavNeed(P* p) {
   return p;
 }
 
+/// Prints the exception as its print() does.
 std::ostream& operator<<(std::ostream& os, const TavException& e);
 
 #endif

@@ -15,6 +15,7 @@ enum TavDomainType { TavDomainInt = 1, TavDomainFloat = 2, TavDomainBool = 3 };
 /// Largest integer a double holds exactly: the default integer bound.
 constexpr TavInt TavIntMaxExact = 9007199254740991L;
 
+/// The domain of a variable: an interval or a list of values, possibly shared by several variables.
 class TavVarDomainI : public TavMemoryManagerObjectI {
  public:
   virtual ~TavVarDomainI();
@@ -46,14 +47,17 @@ class TavVarDomainI : public TavMemoryManagerObjectI {
   bool _shared = false;
 };
 
+/// What a domain of values of type T needs: its array type, its kind, a value of type T from a double.
 template <class T>
 struct TavDomainTraits;
+/// The traits of a domain of doubles (a continuous variable).
 template <>
 struct TavDomainTraits<double> {
   typedef TavNumArray Array;
   static constexpr int Type = TavDomainFloat;
   static double of(double v) { return v; }
 };
+/// The traits of a domain of integers (truncated values).
 template <>
 struct TavDomainTraits<TavInt> {
   typedef TavIntArray Array;

@@ -234,6 +234,7 @@ class TavAlgorithm {
   /// Deletes an algorithm made on the heap.
   void end();
 
+  /// Base of the failures an algorithm reports.
   class Exception : public TavException {
    public:
     explicit Exception(const char* message = nullptr, long code = 0) : TavException(message, code) {}
@@ -241,6 +242,7 @@ class TavAlgorithm {
    protected:
     const char* defaultText() const noexcept override { return "TavAlgorithm::Exception"; }
   };
+  /// An object that the algorithm cannot take in (its class has no extraction hook).
   class ExtractFailure : public Exception {
    public:
     ExtractFailure() : Exception(nullptr, 0) {}
@@ -248,6 +250,7 @@ class TavAlgorithm {
    protected:
     const char* defaultText() const noexcept override { return "TavAlgorithm::ExtractFailure"; }
   };
+  /// An object that the algorithm cannot remove or modify (its class has no hook for it).
   class RemoveFailure : public Exception {
    public:
     RemoveFailure() : Exception(nullptr, 0) {}
@@ -255,6 +258,7 @@ class TavAlgorithm {
    protected:
     const char* defaultText() const noexcept override { return "TavAlgorithm::RemoveFailure"; }
   };
+  /// A change to the model that the algorithm cannot apply; getAlgorithm() names it.
   class CannotChangeException : public Exception {
    public:
     explicit CannotChangeException(const TavAlgorithmI* alg) : Exception(nullptr, 0), _alg(alg) {}
@@ -288,6 +292,7 @@ void TavRunHook(TavExtractableI::ObjectHook hook, TavAlgorithm alg, const TavExt
 /// handles forward to the expression layer (TavSetValueIn, TavEvaluateIn).
 class TavModelEvaluator {
  public:
+  /// An evaluation that reads a variable with no value set.
   class Unbound : public TavException {
    public:
     explicit Unbound(const char* message = "TavModelEvaluator::Unbound: variable without value")

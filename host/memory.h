@@ -42,11 +42,14 @@
 class TavEnvI;
 class TavMemory;
 
+/// Size and alignment of a chunk, so that masking an address finds its chunk.
 constexpr std::size_t TavChunkAlign = std::size_t(1) << 16;
+/// Bytes reserved at the start of a chunk for its header.
 constexpr std::size_t TavChunkHeaderSize = 64;
 /// Slab chunks are made of pages, each serving one size class, so that a
 /// small environment packs all its classes into one chunk.
 constexpr std::size_t TavPageBytes = 4096;
+/// Pages per chunk.
 constexpr std::size_t TavChunkPages = TavChunkAlign / TavPageBytes;
 /// The page class of the blocks of a fixed-size allocator (never given to free()).
 constexpr unsigned char TavFixedPageClass = 255;
@@ -258,6 +261,7 @@ class TavFixedSizeAllocatorI {
   std::size_t _taken = 0;
 };
 
+/// Throws TavWrongUsage for an object of an ended environment.
 [[noreturn]] void TavThrowEnded();
 
 /// The object behind a handle: TavEmptyHandleException when there is none,
