@@ -146,6 +146,45 @@ void BM_BuildBaseline(benchmark::State& state) {
 }
 BENCHMARK(BM_BuildBaseline)->Unit(benchmark::kMillisecond);
 
+/// The floor with the checks every term of a model must pass, written by
+/// hand: the variable is not null and its memory belongs to the sum's
+/// environment (a variable of another or of an ended environment is
+/// refused), looked up in the same owner table the library reads. The
+/// variables come from the same vector as the floor's (Checked) or through
+/// the library's array handle, as the library's build reads them
+/// (CheckedThroughArray). Library / these = what the library adds beyond the
+/// checks and the array reads.
+template <bool ThroughArray>
+void baselineBuildChecked(CellPool& pool, BaselineList& list, Model& m) {
+  TavEnvI* env = m.env.getImpl();
+  for (long i = 0; i < N; ++i) {
+    TavNumVarI* v = ThroughArray ? m.x[m.ids[i]].getImpl() : m.vars[m.ids[i]];
+    if (TAV_UNLIKELY(v == nullptr)) throw TavEmptyHandleException();
+    if (TAV_UNLIKELY(TavMemory::EnvOf(v) != env)) throw TavWrongUsage("mixing mismatch Environments", 0);
+    Cell* cell = pool.get();
+    cell->var = v;
+    cell->coef = m.c[i];
+    list.append(cell);
+  }
+}
+
+template <bool ThroughArray>
+void BM_BuildBaselineChecked(benchmark::State& state) {
+  Model& m = model(N);
+  CellPool pool;
+  for (auto _ : state) {
+    BaselineList list;
+    baselineBuildChecked<ThroughArray>(pool, list, m);
+    benchmark::DoNotOptimize(list.first);
+    state.PauseTiming();
+    list.recycle(pool);
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(state.iterations() * N);
+}
+BENCHMARK_TEMPLATE(BM_BuildBaselineChecked, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_TEMPLATE(BM_BuildBaselineChecked, true)->Unit(benchmark::kMillisecond);
+
 void BM_BuildExpr(benchmark::State& state) {
   Model& m = model(N);
   for (auto _ : state) {
