@@ -1,9 +1,12 @@
-// Builds 2 x + 1 with the installed library and prints its value at x = 3.
+// Builds 2 x + 1 with the installed library and prints its value at x = 3,
+// with the version the library was installed with.
 #include <tavexpression.h>
+#include <tavexpression_version.h>
 
 #include <iostream>
 
 int main() {
+  std::cout << "tavexpression " << TAV_VERSION_STRING << "\n";
   TavEnv env;
   TavNumVar x(env, 0, 10, TavNumVar::Float, "x");
   TavExpr e(env, 1.0);

@@ -1,0 +1,26 @@
+# Keeps the doxygen warnings that matter (undocumented classes, free
+# functions, typedefs and variables; malformed comments), writes them sorted
+# to OUT as "file:line: name (kind)" relative to ROOT, and fails when FAIL is
+# true and any is left. Run by the docs target: cmake -DLOG= -DOUT= -DROOT= -DFAIL= -P.
+file(STRINGS "${LOG}" lines)
+set(kept "")
+foreach(line IN LISTS lines)
+  if(line MATCHES "of (class|struct|union) .* is not documented" OR NOT line MATCHES "warning:|error:")
+    continue()
+  endif()
+  string(REPLACE "${ROOT}" "" line "${line}")
+  string(REPLACE "warning: " "" line "${line}")
+  string(REGEX REPLACE "Compound (.*) is not documented\\." "\\1 (class)" line "${line}")
+  string(REGEX REPLACE "Member (.*) of file [^ ]* is not documented\\." "\\1" line "${line}")
+  list(APPEND kept "${line}")
+endforeach()
+list(SORT kept COMPARE NATURAL)
+list(LENGTH kept count)
+list(JOIN kept "\n" text)
+file(WRITE "${OUT}" "${text}\n")
+if(count GREATER 0)
+  message("${text}\n${count} undocumented public names or malformed comments (listed in ${OUT})")
+  if(FAIL)
+    message(FATAL_ERROR "the API reference has warnings")
+  endif()
+endif()
