@@ -72,7 +72,7 @@ class TavConstConstraintI : public TavNode<TavConstConstraintI, TavConstraintI> 
 class TavConstraint : public TavIntExprArg {
  public:
   TavConstraint(TavConstraintI* impl = nullptr) : TavIntExprArg(impl) {}
-  TavConstraintI* getImpl() const { return static_cast<TavConstraintI*>(_impl); }
+  TAV_HANDLE_POINTER TavConstraintI* getImpl() const { return static_cast<TavConstraintI*>(_impl); }
 };
 
 /// An array of constraint handles, to add, remove or hand over many constraints at once.
