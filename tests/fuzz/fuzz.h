@@ -21,6 +21,9 @@ struct Options {
   bool emptyAlgorithm = true;  ///< evaluation through an empty algorithm handle
   bool allocFailure = true;    ///< an allocation failing inside one operation
   bool deep = true;            ///< chains deep enough to overflow a recursive destructor
+  bool varMods = true;         ///< bounds, possible values, thresholds and conversions of variables
+  bool removal = true;         ///< a variable removed from every expression, in either removal mode
+  bool display = true;         ///< linear nodes printed in both syntaxes against a reference printer
   /// Reads "--no-aliasing" and the like; false for an unknown flag.
   bool parse(const char* arg);
 };
@@ -103,7 +106,14 @@ struct Node {
 
 enum StmtKind : std::uint8_t {
   SDecl, SCompound, SClear, SSetConst, SSetCoef, SSetCoefs, SRemove, SNormalize, SCopy, SEnd,
-  STermTwice, SEmptyAlg, SDeep
+  STermTwice, SEmptyAlg, SDeep,
+  SVarBounds,   ///< op 'l', 'u' or 'b': setLB, setUB or setBounds of vars[0] to coefs
+  SArrayBounds, ///< TavNumVarArray(vars).setBounds(lbs, ubs): coefs holds the lbs, then the ubs
+  SValues,      ///< setPossibleValues of vars[0] to coefs; op 'i' for an integer array
+  SThreshold,   ///< setSemiContinuousLb(coefs[0]) of the semi-continuous vars[0]
+  SConvert,     ///< a new conversion (number slot) of vars to the type op (1, 2 or 3)
+  SConvRemove,  ///< conversion slot.removeVar(vars[0])
+  SRemoveVar    ///< vars[0] ended with removal from every object; op '1' for one by one
 };
 
 struct Stmt {
@@ -120,6 +130,9 @@ struct Stmt {
 struct Program {
   int numVars = 0, intVars = 0, boolVars = 0;  ///< variables: numeric, then integer, then Boolean
   std::vector<double> values;
+  int listenAt = 0;             ///< a change listener is attached before this statement
+  bool removeFromAll = false;   ///< the environment ends every object through removal from all
+  bool display = true;          ///< linear nodes are printed and compared
   std::vector<Stmt> stmts;
   std::string print() const;
   std::string varName(int v) const;
@@ -131,6 +144,38 @@ struct Cell {
   int var;
   double coef;
 };
+/// What the reference knows of one variable.
+struct VarState {
+  double lb = 0, ub = 0, threshold = 0;
+  std::vector<double> values;  ///< possible values, when a list was set
+  bool intValues = false;      ///< the list is an integer array
+  bool removed = false;
+  /// The shared domain the variable holds (by kind at creation), or -1 once
+  /// it has a private one: a whole array's new bounds reach every sharer.
+  int shared = -1;
+};
+
+/// A change record: its class, and the objects and numbers it carries.
+enum RecKind : std::uint8_t {
+  RAddVar, RRemoveVar, RIntRemoveVar, RBounds, RValues, RThreshold, RConvRemove, RArrayBounds
+};
+struct Record {
+  RecKind kind;
+  int var = -1;
+  int slot = -1;  ///< linear records: the handle whose node it names; conversion: its number
+  double a = 0, b = 0;           ///< bounds (lb, ub) or thresholds (old, new)
+  std::vector<double> values;    ///< possible values; array bounds: the lower ones, then the upper ones
+  std::vector<int> vars;         ///< array bounds: the variables
+  bool intValues = false;
+  /// Sent by a removal: ordered by the identifier of the object told, which
+  /// the runner knows and the reference does not.
+  bool byId = false;
+  bool operator==(const Record& o) const {
+    return kind == o.kind && var == o.var && slot == o.slot && a == o.a && b == o.b && values == o.values &&
+           vars == o.vars && intValues == o.intValues;
+  }
+};
+
 enum RefKind : std::uint8_t { RNumber, RNumLin, RIntLin, RNumNode, RIntNode };
 enum Tri : std::uint8_t { No, Yes, Maybe };
 
@@ -168,7 +213,7 @@ struct Ref {
 /// (null once ended); handles declared as sharing a node share the entry.
 class Model {
  public:
-  explicit Model(const Program& p) : _p(p) {}
+  explicit Model(const Program& p);
   double value(const Ref& r) const;
   /// isInteger of the node (of a number: whether it is integral).
   Tri integral(const Ref& r) const;
@@ -179,6 +224,14 @@ class Model {
   static int normalize(Ref& r);
   std::vector<std::shared_ptr<Ref>> slots;
   std::vector<Kind> kinds;
+  std::vector<VarState> vars;
+  std::vector<std::vector<int>> conversions;  ///< variables of each conversion, in array order
+  std::vector<Record> records;                ///< sent by the statements applied, in order
+  /// Whether a removal of var may run: every live handle on a linear node
+  /// without parts (the only nodes that give a removed variable up), and
+  /// with one-by-one removal at most one term of var per node (only the
+  /// first goes).
+  bool removable(int var, bool oneByOne) const;
 
  private:
   Ref binary(Op op, bool isInt, const Ref& a, const Ref& b) const;
@@ -186,6 +239,8 @@ class Model {
   /// The element, count, deviation, piecewise and conditional nodes.
   Ref special(const Node& n, const std::vector<Ref>& k) const;
   Ref& own(int slot);
+  /// Applies a statement on variables or conversions; false for the others.
+  bool variableStatement(const Stmt& s);
   const Program& _p;
 };
 
@@ -199,6 +254,10 @@ bool assignable(Kind h, char op, Kind x);
 Kind callKind(int fn, Kind a, Kind b);
 
 Program generate(Source& src, const Options& opts);
+/// The text of a linear node without parts in the plain or the library
+/// syntax, from its cells and constant; empty when the reference cannot say.
+std::string displayLinear(const Program& p, const Ref& r, bool librarySyntax);
+
 /// Runs the program; empty when the library agreed with the reference.
 std::string run(const Program& p);
 

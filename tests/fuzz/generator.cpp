@@ -1,8 +1,10 @@
 // The program generator and printer. Generation runs the reference model
 // alongside, so that it can keep integer divisions away from zero, integer
 // values inside the 64-bit range, removals away from the dropped-tail
-// layout that the linear node keeps on purpose, and functions away from the
-// steps of values the reference cannot know to the last bit.
+// layout that the linear node keeps on purpose, functions away from the
+// steps of values the reference cannot know to the last bit, and removed
+// variables away from every node but the linear ones, the only nodes that
+// give a removed variable up.
 #include <algorithm>
 #include <cmath>
 #include <sstream>
@@ -13,10 +15,12 @@ namespace tavfuzz {
 
 bool Options::parse(const char* arg) {
   const std::string a(arg);
-  bool Options::*flags[] = {&Options::aliasing, &Options::termReuse, &Options::intConversion,
-                            &Options::emptyAlgorithm, &Options::allocFailure, &Options::deep};
-  const char* names[] = {"aliasing", "term-reuse", "int-conversion", "empty-algorithm", "alloc-failure", "deep"};
-  for (int i = 0; i < 6; ++i) {
+  bool Options::*flags[] = {&Options::aliasing,     &Options::termReuse,    &Options::intConversion,
+                            &Options::emptyAlgorithm, &Options::allocFailure, &Options::deep,
+                            &Options::varMods,      &Options::removal,      &Options::display};
+  const char* names[] = {"aliasing", "term-reuse", "int-conversion", "empty-algorithm", "alloc-failure",
+                         "deep",     "var-mods",   "removal",        "display"};
+  for (int i = 0; i < 9; ++i) {
     if (a == std::string("--no-") + names[i]) this->*flags[i] = false;
     else if (a == std::string("--allow-") + names[i]) this->*flags[i] = true;
     else continue;
@@ -78,10 +82,18 @@ struct Gen {
     if (n.kind != KDouble) n.num = divisor ? (pick(2) ? 2 : -3) : pick(8) - 3;
     return n;
   }
+  /// A variable not removed (the first numeric and the first integer one never are).
+  int anyVar(bool wantInt) {
+    const int nv = (int)p.values.size();
+    for (int tries = 0;; ++tries) {
+      const int v = wantInt ? p.numVars + pick(nv - p.numVars) : pick(nv);
+      if (!m.vars[v].removed) return v;
+      if (tries == 4) return wantInt ? p.numVars : 0;
+    }
+  }
   Node var(bool wantInt) {
     Node n;
-    const int nv = (int)p.values.size();
-    n.index = wantInt ? p.numVars + pick(nv - p.numVars) : pick(nv);
+    n.index = anyVar(wantInt);
     if (n.index < p.numVars) n.kind = KNumVar;
     else if (n.index < p.numVars + p.intVars) n.kind = wantInt || pick(2) ? KIntVar : KNumVar;
     else n.kind = (Kind)(wantInt ? KIntVar + pick(2) : KNumVar + pick(3));
@@ -151,14 +163,30 @@ struct Gen {
         n.kids = {t};
       } else {
         const bool intOp = n.op == OMod || n.op == OIDiv;
-        n.kids.push_back(expr(depth - 1, wantInt || intOp));
-        if (n.op != ONeg) n.kids.push_back(n.op == ODiv && pick(2) ? number(false, true) : expr(depth - 1, wantInt || intOp));
+        n.kids.push_back(operandOf(n.op, depth, wantInt || intOp));
+        if (n.op != ONeg)
+          n.kids.push_back(n.op == ODiv && pick(2) ? number(false, true) : operandOf(n.op, depth, wantInt || intOp));
         n.kind = resultKind(n.op, n.kids[0].kind, n.op == ONeg ? KNone : n.kids[1].kind);
       }
       if (wantInt && !isIntKind(n.kind)) continue;
       if (acceptable(n)) return n;
     }
     return leaf(wantInt);
+  }
+  /// c * x (or x * c) where it makes a term handle, else a variable.
+  Node term(bool wantInt) {
+    Node t;
+    t.op = OMul;
+    t.kids = {var(wantInt), number(wantInt, false)};
+    if (pick(2)) std::swap(t.kids[0], t.kids[1]);
+    t.kind = resultKind(OMul, t.kids[0].kind, t.kids[1].kind);
+    return isTerm(t.kind) ? t : var(wantInt);
+  }
+  /// An operand of an operator: often a term or a variable, so that the
+  /// paths that extend a temporary linear node in place are taken.
+  Node operandOf(Op op, int depth, bool wantInt) {
+    if ((op == OAdd || op == OSub || op == ONeg || op == OMul) && src.percent(35)) return pick(3) ? term(wantInt) : var(wantInt);
+    return expr(depth - 1, wantInt);
   }
   /// A call of a row of the function table; false when the operands found
   /// do not select the overload the row stands for.
@@ -283,6 +311,7 @@ struct Gen {
 
   Node rhsFor(Kind h, char op) {
     if (op == '*' || op == '/') return number(h == KIntExpr, op == '/');
+    if (src.percent(25)) return term(h == KIntExpr);
     return expr(1 + pick(2), h == KIntExpr);
   }
 
@@ -342,7 +371,71 @@ struct Gen {
     }
     if (roll < 86 && o.emptyAlgorithm) return s.kind = SEmptyAlg, s;
     if (roll == 86 && o.deep && pick(8) == 0) return s.kind = SDeep, s;
+    if (roll >= 87 && roll < 94 && o.varMods) return varStatement();
+    if (roll >= 94 && roll < 96 && o.removal) return removal(s);
     return end(s);
+  }
+  /// A modification of a variable, or a conversion made or edited.
+  Stmt varStatement() {
+    Stmt s;
+    const int roll = pick(100);
+    const int v = anyVar(false);
+    const bool isNum = v < p.numVars, isInt = !isNum && v < p.numVars + p.intVars;
+    auto value = [&] { return isNum ? from(Numbers) : isInt ? (double)(pick(13) - 6) : (double)pick(2); };
+    s.vars = {v};
+    if (roll < 15 && !m.conversions.empty()) {
+      s.kind = SConvRemove;
+      s.slot = pick((int)m.conversions.size());
+      const std::vector<int>& c = m.conversions[(std::size_t)s.slot];
+      if (!c.empty() && pick(10) < 7) s.vars = {c[(std::size_t)pick((int)c.size())]};
+      return s;
+    }
+    if (roll < 30) {
+      s.kind = SConvert;
+      s.slot = (int)m.conversions.size();
+      s.op = (char)(1 + pick(3));
+      for (int i = pick(3); i > 0; --i) s.vars.push_back(pick(3) ? anyVar(false) : s.vars[0]);
+      return s;
+    }
+    if (roll < 45 && isNum && v % 2) {
+      s.kind = SThreshold;
+      s.coefs = {pick(5) ? from(Numbers) : m.vars[v].threshold};
+      return s;
+    }
+    if (roll < 65 && (isNum || isInt)) {
+      s.kind = SValues;
+      s.op = isInt ? (pick(7) ? 'i' : 'n') : (pick(2) ? 'i' : 'n');
+      for (int i = 1 + pick(4); i > 0; --i) s.coefs.push_back(s.op == 'i' ? pick(13) - 6 : from(Numbers));
+      return s;
+    }
+    if (roll < 75) {  // integral bounds, which every kind of domain keeps as they are
+      s.kind = SArrayBounds;
+      for (int i = pick(3); i > 0; --i) s.vars.push_back(anyVar(false));
+      bool boolean = false;
+      for (int w : s.vars) boolean = boolean || w >= p.numVars + p.intVars;
+      for (std::size_t i = 0; i < 2 * s.vars.size(); ++i) s.coefs.push_back(boolean ? pick(2) : pick(13) - 6);
+      return s;
+    }
+    s.kind = SVarBounds;
+    s.op = "lub"[pick(3)];
+    s.coefs = {value()};
+    if (s.op == 'b') s.coefs.push_back(value());
+    return s;
+  }
+  /// A variable to remove from every object: not the first numeric or
+  /// integer one (the generator's fallbacks) nor a constraint's indicator.
+  Stmt removal(Stmt s) {
+    std::vector<int> candidates;
+    for (int v = 1; v < (int)p.values.size(); ++v) {
+      const int b = v - p.numVars - p.intVars;
+      if (v != p.numVars && !m.vars[v].removed && !(b >= 0 && b % 2)) candidates.push_back(v);
+    }
+    if (candidates.empty()) return end(s);
+    s = Stmt();
+    s.kind = SRemoveVar;
+    s.vars = {candidates[(std::size_t)pick((int)candidates.size())]};
+    s.op = pick(2) ? '1' : '0';
+    return s;
   }
   Stmt end(Stmt s) {
     s.kind = SEnd;
@@ -367,10 +460,9 @@ struct Gen {
     Ref normalized = *m.slots[slot];
     Model::normalize(normalized);
     const Ref& now = *m.slots[slot];
-    const int nv = (int)p.values.size();
     const int count = s.kind == SSetConst ? 1 : s.kind == SSetCoef ? 1 : 1 + pick(3);
     for (int i = 0; i < count; ++i) {
-      s.vars.push_back(pick(nv));
+      s.vars.push_back(anyVar(false));
       s.coefs.push_back(from(Numbers));
     }
     if (s.kind != SSetCoefs && s.kind != SSetCoef && s.kind != SRemove) s.vars.clear();
@@ -438,8 +530,25 @@ Program generate(Source& src, const Options& opts) {
   for (int i = 0; i < p.boolVars; ++i) p.values.push_back(src.below(2));
   Gen g{src, opts, p, Model(p)};
   const int n = 3 + (int)src.below(18);
+  p.listenAt = (int)src.below((std::uint32_t)n);
+  p.removeFromAll = opts.removal && src.below(4) == 0;
+  p.display = opts.display;
   for (int i = 0; i < n; ++i) {
     Stmt s = g.statement();
+    if (s.kind == SRemoveVar) {
+      // Only linear nodes give up a removed variable: every other handle is
+      // ended first, and one by one only a node's first term goes.
+      for (std::size_t k = 0; k < g.m.slots.size(); ++k) {
+        const std::shared_ptr<Ref>& r = g.m.slots[k];
+        if (!r || (r->linear() && r->parts.empty() && !r->unknown)) continue;
+        Stmt e;
+        e.kind = SEnd;
+        e.slot = (int)k;
+        g.m.apply(e);
+        p.stmts.push_back(e);
+      }
+      if (!g.m.removable(s.vars[0], true)) s.op = '0';
+    }
     if (opts.allocFailure && s.failAfter == 0 && singleOperation(s) && src.percent(15)) s.failAfter = 1 + (int)src.below(4);
     if (s.kind == SDecl || s.kind == SCopy) s.slot = (int)g.m.slots.size();
     g.m.apply(s);
@@ -572,6 +681,31 @@ struct Printer {
       case STermTwice: return "{ auto t = " + node(s.rhs) + "; " + h + " += t; " + h + " += t; }";
       case SEmptyAlg: return "TavAlgorithm().getValue(" + h + ");";
       case SDeep: return "{ TavNumExpr d = TavMin(x0, 1.0); 100000 times: d = TavMin(d, 1.0); d.end(); }";
+      case SVarBounds: {
+        const std::string v = p.varName(s.vars[0]);
+        const bool integer = s.vars[0] >= p.numVars;
+        const Kind k = integer ? KLong : KDouble;
+        if (s.op == 'b') return "TavNumVar(" + v + ").setBounds(" + num(s.coefs[0], k) + ", " + num(s.coefs[1], k) + ");";
+        return (integer ? "TavIntVar(" + v + (s.op == 'l' ? ").setMin(" : ").setMax(") : "TavNumVar(" + v + (s.op == 'l' ? ").setLB(" : ").setUB(")) +
+               num(s.coefs[0], k) + ");";
+      }
+      case SValues:
+        return "TavNumVar(" + p.varName(s.vars[0]) + ").setPossibleValues(" +
+               (s.op == 'i' ? numbers("TavIntArray", s.coefs, KInt) : numbers("TavNumArray", s.coefs, KDouble)) + ");";
+      case SThreshold: return p.varName(s.vars[0]) + ".setSemiContinuousLb(" + num(s.coefs[0], KDouble) + ");";
+      case SArrayBounds: {
+        const std::vector<double> lbs(s.coefs.begin(), s.coefs.begin() + (long)s.vars.size());
+        const std::vector<double> ubs(s.coefs.begin() + (long)s.vars.size(), s.coefs.end());
+        return vars(s) + ".setBounds(" + numbers("TavNumArray", lbs, KDouble) + ", " + numbers("TavNumArray", ubs, KDouble) +
+               ");  // on the shared domains";
+      }
+      case SConvert:
+        return "TavConversion c" + std::to_string(s.slot) + "(env, " + vars(s) + ", TavNumVar::Type(" + std::to_string((int)s.op) + "));";
+      case SConvRemove: return "c" + std::to_string(s.slot) + ".removeVar(" + p.varName(s.vars[0]) + ");";
+      case SRemoveVar:
+        return std::string("env.getImpl()->setOneByOneRemoval(") + (s.op == '1' ? "true" : "false") +
+               "); env.getImpl()->setRemoveFromAllOnDestroy(true); " + p.varName(s.vars[0]) +
+               ".end(); /* then both flags back */";
     }
     return "";
   }
@@ -589,10 +723,14 @@ std::string Program::print() const {
     else if (b % 2) os << "TavNumVar " << varName(v) << (b % 4 == 1 ? "(yes);  // the constraint's indicator\n" : "(no);\n");
     else os << "TavBoolVar " << varName(v) << "(env);\n";
   }
+  os << "// every variable is named as written here\n";
+  if (removeFromAll) os << "env.getImpl()->setRemoveFromAllOnDestroy(true);\n";
   os << "TavSolution sol(env);\n";
   for (int v = 0; v < (int)values.size(); ++v) os << "sol.setValue(" << varName(v) << ", " << values[v] << ");\n";
   const Printer pr{*this};
-  for (const Stmt& s : stmts) {
+  for (std::size_t i = 0; i < stmts.size(); ++i) {
+    const Stmt& s = stmts[i];
+    if ((int)i == listenAt) os << "Listener listener(env);  // records every change from here on\n";
     if (s.failAfter) os << "env.getImpl()->getMemory().failAfter(" << s.failAfter << ");  // once, then again\n";
     os << pr.stmt(s) << "\n";
   }

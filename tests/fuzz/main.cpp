@@ -1,5 +1,5 @@
 // tavexpression_fuzz [count] [--seed S] [--only I] [--trace] [--no-FAMILY ...]
-// Runs count generated programs (program i from seed S + i), prints each
+// Runs count generated programs (program i from seed S * 1000003 + i), prints each
 // failing program as a reproducer and ends with "fuzz: P passed, F failed".
 #include <csignal>
 #include <cstdio>
@@ -73,7 +73,7 @@ int main(int argc, char** argv) {
 #endif
   long passed = 0, failed = 0;
   for (long i = only < 0 ? 0 : only; i < (only < 0 ? count : only + 1); ++i) {
-    tavfuzz::Source src(seed + (unsigned long long)i);
+    tavfuzz::Source src(seed * 1000003ull + (unsigned long long)i);  // seeds apart give programs apart
     const tavfuzz::Program prog = tavfuzz::generate(src, opts);
     current = "// program " + std::to_string(i) + " (--seed " + std::to_string(seed) + " --only " + std::to_string(i) +
               ")\n" + prog.print();

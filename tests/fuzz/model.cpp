@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <functional>
+#include <sstream>
 
 #include "fuzz.h"
 
@@ -123,6 +124,28 @@ void probe(Ref& r, const std::vector<const Ref*>& operands, const std::vector<do
 }
 
 }  // namespace
+
+Model::Model(const Program& p) : _p(p) {
+  for (int v = 0; v < (int)p.values.size(); ++v) {  // as the runner makes them, see Program::print
+    VarState s;
+    const bool semi = v < p.numVars && v % 2;
+    s.lb = v < p.numVars + p.intVars && !semi ? -100 : 0;
+    s.ub = v < p.numVars + p.intVars ? 100 : 1;
+    s.threshold = semi ? 0.5 : 0;
+    s.shared = v < p.numVars ? (int)semi : v < p.numVars + p.intVars ? 2 : 3;  // indicators share the 0-1 one
+    vars.push_back(s);
+  }
+}
+
+bool Model::removable(int var, bool oneByOne) const {
+  for (const auto& s : slots) {
+    if (!s) continue;
+    if (!s->linear() || !s->parts.empty() || s->unknown) return false;
+    if (oneByOne && std::count_if(s->cells.begin(), s->cells.end(), [var](const Cell& c) { return c.var == var; }) > 1)
+      return false;
+  }
+  return true;
+}
 
 Tri Model::integral(const Ref& r) const {
   switch (r.kind) {
@@ -488,7 +511,114 @@ void markHeld(const Node& n, std::vector<std::shared_ptr<Ref>>& slots, bool insi
 }
 }  // namespace
 
+bool Model::variableStatement(const Stmt& s) {
+  if (s.kind < SVarBounds) return false;
+  const int v = s.vars.empty() ? -1 : s.vars[0];
+  auto record = [this, v](RecKind k) {
+    Record r;
+    r.kind = k;
+    r.var = v;
+    records.push_back(r);
+    return &records.back();
+  };
+  switch (s.kind) {
+    case SArrayBounds: {  // upper bound first, on the domain as it is: no copy for the one variable
+      const std::size_t n = s.vars.size();
+      for (std::size_t i = 0; i < n; ++i) {
+        const int group = vars[s.vars[i]].shared;
+        for (std::size_t w = 0; w < vars.size(); ++w)
+          if (w == (std::size_t)s.vars[i] || (group >= 0 && vars[w].shared == group)) {
+            vars[w].ub = s.coefs[n + i];
+            vars[w].lb = s.coefs[i];
+          }
+      }
+      Record* r = record(RArrayBounds);
+      r->var = -1;
+      r->vars = s.vars;
+      r->values = s.coefs;
+      break;
+    }
+    case SVarBounds: {
+      VarState& x = vars[v];
+      x.shared = -1;
+      if (s.op != 'u') x.lb = s.coefs[0];
+      if (s.op != 'l') x.ub = s.coefs.back();
+      Record* r = record(RBounds);
+      r->a = x.lb;
+      r->b = x.ub;
+      break;
+    }
+    case SValues: {
+      VarState& x = vars[v];
+      const bool intVar = v >= _p.numVars;
+      if (intVar && s.op != 'i') break;  // refused: a continuous list for an integer variable
+      x.shared = -1;
+      x.values = s.coefs;
+      x.intValues = intVar;
+      x.lb = *std::min_element(s.coefs.begin(), s.coefs.end());  // the list's extremes become the bounds
+      x.ub = *std::max_element(s.coefs.begin(), s.coefs.end());
+      Record* r = record(RValues);
+      r->values = s.coefs;
+      r->intValues = intVar;
+      break;
+    }
+    case SThreshold: {
+      VarState& x = vars[v];
+      if (x.threshold == s.coefs[0]) break;
+      Record* r = record(RThreshold);
+      r->a = x.threshold;
+      r->b = x.threshold = s.coefs[0];
+      break;
+    }
+    case SConvert: conversions.push_back(s.vars); break;
+    case SConvRemove: {
+      std::vector<int>& c = conversions[(std::size_t)s.slot];
+      for (int i = (int)c.size() - 1; i >= 0; --i)
+        if (c[(std::size_t)i] == v) {
+          c.erase(c.begin() + i);
+          record(RConvRemove)->slot = s.slot;
+        }
+      break;
+    }
+    default: {  // removal of v from every object
+      const bool oneByOne = s.op == '1';
+      std::vector<Ref*> done;
+      for (std::size_t i = 0; i < slots.size(); ++i) {
+        Ref* r = slots[i].get();
+        if (!r || std::find(done.begin(), done.end(), r) != done.end()) continue;
+        done.push_back(r);
+        for (std::size_t k = 0; k < r->cells.size();) {
+          if (r->cells[k].var != v) {
+            ++k;
+            continue;
+          }
+          r->cells.erase(r->cells.begin() + (long)k);
+          if (oneByOne) break;
+        }
+        if (!oneByOne) continue;
+        Record* rec = record(r->kind == RIntLin ? RIntRemoveVar : RRemoveVar);  // every linear node is told
+        rec->slot = (int)i;
+        rec->byId = true;
+      }
+      for (std::size_t c = 0; c < conversions.size(); ++c) {
+        std::vector<int>& list = conversions[c];
+        for (int i = (int)list.size() - 1; i >= 0; --i)
+          if (list[(std::size_t)i] == v) {
+            list.erase(list.begin() + i);
+            if (!oneByOne) continue;
+            Record* rec = record(RConvRemove);
+            rec->slot = (int)c;
+            rec->byId = true;
+          }
+      }
+      vars[v].removed = true;
+    }
+  }
+  return true;
+}
+
 int Model::apply(const Stmt& s) {
+  if (variableStatement(s)) return 0;
   markHeld(s.rhs, slots, s.kind == SCompound);
   const Ops ops{*this};
   const Node& rhs = s.rhs;
@@ -497,6 +627,8 @@ int Model::apply(const Stmt& s) {
       const bool shares = rhs.op == OLeaf && rhs.kind >= KNumExpr && s.handle != KExpr;
       std::shared_ptr<Ref> r = shares ? slots[rhs.index] : std::make_shared<Ref>(eval(rhs));
       if (s.handle == KExpr || rhs.kind <= KInt) *r = lin(*r, s.handle == KIntExpr);
+      // An integer term taken by a numeric handle becomes a numeric node.
+      if (s.handle == KNumExpr && rhs.kind == KIntTerm) r->kind = RNumLin;
       r->counted = true;
       slots.push_back(r);
       kinds.push_back(s.handle);
@@ -540,6 +672,19 @@ int Model::apply(const Stmt& s) {
         }
         for (std::size_t i = 0; i < s.vars.size(); ++i) {
           const double c = s.coefs[i];
+          const double old = marked[i] >= 0 ? e.cells[marked[i]].coef : 0.0;
+          // The single form reports any change of a present term as a removal;
+          // the bulk form only a change from or to zero.
+          const bool single = s.kind == SSetCoef;
+          const bool removes = marked[i] >= 0 && old != 0.0 && (single || c == 0.0);
+          const bool adds = c != 0.0 && (marked[i] < 0 || (!single && old == 0.0));
+          if (removes || adds) {
+            Record r;
+            r.kind = removes ? RRemoveVar : RAddVar;
+            r.var = s.vars[i];
+            r.slot = s.slot;
+            records.push_back(r);
+          }
           if (marked[i] >= 0) e.cells[marked[i]].coef = c;
           else if (c != 0.0) e.cells.push_back({s.vars[i], c});
           e.mag += std::fabs(c);
@@ -586,6 +731,46 @@ int Model::apply(const Stmt& s) {
   cur.held = e.held;
   e = cur;
   return 0;
+}
+
+std::string displayLinear(const Program& p, const Ref& r, bool librarySyntax) {
+  if (!r.linear() || !r.parts.empty() || !r.exact() || r.throws) return "";
+  std::ostringstream os;
+  auto var = [&](int v) { os << p.varName(v) << " "; };  // a named variable: its name and a blank
+  auto constant = [&] {
+    if (r.kind == RIntLin) os << (long)r.cst;
+    else os << r.cst;
+    os << " ";
+  };
+  if (librarySyntax) {
+    os << "( ";
+    for (std::size_t i = 0; i < r.cells.size(); ++i) {
+      if (i) os << " + ";
+      const double c = r.cells[i].coef;
+      if (c == 0.0) os << "0 ";
+      else {
+        if (c != 1.0) os << c << " * ";
+        var(r.cells[i].var);
+      }
+    }
+    if (r.cst != 0.0) {
+      if (!r.cells.empty()) os << " + ";
+      constant();
+    }
+    os << ") ";
+    return os.str();
+  }
+  bool wrote = false;  // whether the last term wrote something
+  for (const Cell& c : r.cells) {
+    if (wrote) os << " + ";
+    wrote = c.coef != 0.0;
+    if (!wrote) continue;
+    if (c.coef != 1.0) os << c.coef << " * ";
+    var(c.var);
+  }
+  if (r.cst != 0.0 && wrote) os << " + ";
+  if (r.cst != 0.0 || !wrote) constant();
+  return os.str();
 }
 
 }  // namespace tavfuzz

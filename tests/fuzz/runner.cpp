@@ -1,9 +1,12 @@
 // The runner: executes a program against the library, one operator table
 // over every handle type (overloads found at compile time), and compares
-// every live handle with the reference model after every statement.
+// every live handle, every variable and conversion, the change records a
+// listener received and the display of linear nodes with the reference
+// model after every statement.
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <memory>
 #include <new>
 #include <sstream>
 #include <stdexcept>
@@ -181,6 +184,88 @@ std::string str(double v) {
   return os.str();
 }
 
+/// An algorithm that keeps every change record it is told of, as the
+/// reference writes them.
+struct Listener : TavAlgorithmI {
+  const std::vector<TavNumVar>& vars;
+  const std::vector<TavConversion>& convs;
+  std::vector<std::pair<Record, const void*>> got;  ///< with the linear node a record names
+  std::string odd;                                   ///< a record of a kind no statement sends
+
+  Listener(TavEnvI* env, const std::vector<TavNumVar>& v, const std::vector<TavConversion>& c)
+      : TavAlgorithmI(env), vars(v), convs(c) {}
+  double getValue(const TavNumVarI*) const override { return 0; }
+  int var(const TavNumVarI* v) const {
+    for (std::size_t i = 0; i < vars.size(); ++i)
+      if (vars[i].getImpl() == v) return (int)i;
+    return -1;
+  }
+  template <class Arr>
+  static std::vector<double> contents(Arr a) {
+    std::vector<double> out;
+    for (TavInt i = 0; a.getImpl() && i < a.getSize(); ++i) out.push_back((double)a[i]);
+    return out;
+  }
+  template <class Rec>
+  bool linear(const TavChange& c, RecKind k) {
+    if (!c.isType(Rec::GetTypeInfo())) return false;
+    const Rec& r = static_cast<const Rec&>(c);
+    Record out;
+    out.kind = k;
+    out.var = var(r.getVar());
+    const TavNumExprI* node = r.getExpr();
+    got.emplace_back(out, node);
+    return true;
+  }
+  void notifyChange(const TavChange& c) override {
+    if (linear<TavNumLinTermAddVar>(c, RAddVar) || linear<TavNumLinTermRemoveVar>(c, RRemoveVar) ||
+        linear<TavIntLinTermRemoveVar>(c, RIntRemoveVar))
+      return;
+    Record out;
+    if (c.isType(TavSetNumVarBounds::GetTypeInfo())) {
+      const auto& r = static_cast<const TavSetNumVarBounds&>(c);
+      out.kind = RBounds;
+      out.var = var(r.getVar().getImpl());
+      out.a = r.getLB();
+      out.b = r.getUB();
+    } else if (c.isType(TavSetNumVarArrayBounds::GetTypeInfo())) {
+      const auto& r = static_cast<const TavSetNumVarArrayBounds&>(c);
+      out.kind = RArrayBounds;
+      const TavNumVarArray a = r.getVars();
+      for (TavInt i = 0; i < a.getSize(); ++i) out.vars.push_back(var(a[i].getImpl()));
+      out.values = contents(r.getLBs());
+      for (double u : contents(r.getUBs())) out.values.push_back(u);
+    } else if (c.isType(TavSetNumVarPossibleValues::GetTypeInfo())) {
+      const auto& r = static_cast<const TavSetNumVarPossibleValues&>(c);
+      out.kind = RValues;
+      out.var = var(r.getVar().getImpl());
+      out.intValues = r.getIntValues().getImpl() != nullptr;
+      if (out.intValues == (r.getNumValues().getImpl() != nullptr)) odd = "a possible-values record with both or no arrays";
+      out.values = out.intValues ? contents(r.getIntValues()) : contents(r.getNumValues());
+    } else if (c.isType(TavSetSemiContBound::GetTypeInfo())) {
+      const auto& r = static_cast<const TavSetSemiContBound&>(c);
+      out.kind = RThreshold;
+      out.var = var(r.getVar().getImpl());
+      out.a = r.getOldValue();
+      out.b = r.getNewValue();
+    } else if (c.isType(TavConversionRemoveVar::GetTypeInfo())) {
+      const auto& r = static_cast<const TavConversionRemoveVar&>(c);
+      out.kind = RConvRemove;
+      out.var = var(r.getVar().getImpl());
+      for (std::size_t i = 0; i < convs.size(); ++i)
+        if (convs[i].getImpl() == r.getConversion().getImpl()) out.slot = (int)i;
+    } else {
+      odd = std::string("unexpected record ") + c.getRttiTypeName();
+      return;
+    }
+    got.emplace_back(out, nullptr);
+  }
+};
+
+const char* const RecordNames[] = {"TavNumLinTermAddVar", "TavNumLinTermRemoveVar", "TavIntLinTermRemoveVar",
+                                   "TavSetNumVarBounds",  "TavSetNumVarPossibleValues", "TavSetSemiContBound",
+                                   "TavConversionRemoveVar", "TavSetNumVarArrayBounds"};
+
 struct Runner {
   const Program& p;
   TavEnv env;
@@ -193,6 +278,9 @@ struct Runner {
 
   TavConstraint yes{new (env.getImpl()) TavConstConstraintI(env.getImpl(), nullptr, 1)};
   TavConstraint no{new (env.getImpl()) TavConstConstraintI(env.getImpl(), nullptr, 0)};
+  std::vector<TavConversion> convs;
+  std::unique_ptr<Listener> listener;
+  int removed = 0;
 
   explicit Runner(const Program& prog) : p(prog) {
     for (int v = 0; v < (int)p.values.size(); ++v) {  // every other one of another kind, see Program::print
@@ -201,7 +289,9 @@ struct Runner {
       else if (b < 0) vars.push_back(TavIntVar(env, -100, 100));
       else vars.push_back(b % 2 ? TavNumVar(b % 4 == 1 ? yes : no) : TavNumVar(TavBoolVar(env)));
       sol.setValue(vars.back(), p.values[v]);
+      vars.back().setName(p.varName(v).c_str());
     }
+    ei()->setRemoveFromAllOnDestroy(p.removeFromAll);
   }
   TavEnvI* ei() const { return env.getImpl(); }
   bool live(std::size_t i) const { return i < slots.size() && slots[i].index() != KDouble; }
@@ -438,6 +528,13 @@ struct Runner {
         return;
       }
       case SEmptyAlg: return;
+      case SVarBounds:
+      case SArrayBounds:
+      case SValues:
+      case SThreshold:
+      case SConvert:
+      case SConvRemove:
+      case SRemoveVar: variableStatement(s, threw); return;
       case SDeep: {
         TavNumExpr d = TavMin(vars[0], 1.0);
         for (int i = 0; i < 100000; ++i) {
@@ -449,6 +546,153 @@ struct Runner {
         return;
       }
     }
+  }
+
+  /// The library side of a statement on variables or conversions; threw
+  /// tells of a refused list of possible values.
+  void variableStatement(const Stmt& s, bool& threw) {
+    const int v = s.vars[0];
+    TavNumVarI* impl = vars[v].getImpl();
+    const bool integer = v >= p.numVars;
+    switch (s.kind) {
+      case SArrayBounds: {
+        const std::size_t n = s.vars.size();
+        Local<TavNumArray> lbs{numbers<TavNumArray, double>(std::vector<double>(s.coefs.begin(), s.coefs.begin() + (long)n))};
+        Local<TavNumArray> ubs{numbers<TavNumArray, double>(std::vector<double>(s.coefs.begin() + (long)n, s.coefs.end()))};
+        argVars.setBounds(lbs.a, ubs.a);
+        return;
+      }
+      case SVarBounds:
+        if (s.op == 'b') {
+          if (integer) TavIntVar(impl).setBounds((TavInt)s.coefs[0], (TavInt)s.coefs[1]);
+          else vars[v].setBounds(s.coefs[0], s.coefs[1]);
+        } else if (integer) {
+          if (s.op == 'l') TavIntVar(impl).setMin((TavInt)s.coefs[0]);
+          else TavIntVar(impl).setMax((TavInt)s.coefs[0]);
+        } else if (s.op == 'l') {
+          vars[v].setLB(s.coefs[0]);
+        } else {
+          vars[v].setUB(s.coefs[0]);
+        }
+        return;
+      case SValues:
+        if (s.op == 'i') {
+          Local<TavIntArray> a{numbers<TavIntArray, TavInt>(s.coefs)};
+          if (integer) TavIntVar(impl).setPossibleValues(a.a);
+          else impl->setPossibleValues(a.a);  // the handle takes numbers only
+        } else {
+          try {
+            vars[v].setPossibleValues(argCoefs);
+          } catch (const TavNotSupportedOperation&) {
+            threw = true;
+          }
+        }
+        return;
+      case SThreshold: TavSemiContVar(static_cast<TavSemiContVarI*>(impl)).setSemiContinuousLb(s.coefs[0]); return;
+      case SConvert:
+        convs.push_back(s.vars.size() == 1 ? TavConversion(env, vars[v], (TavNumVar::Type)s.op)
+                                           : TavConversion(env, argVars, (TavNumVar::Type)s.op));
+        return;
+      case SConvRemove: convs[(std::size_t)s.slot].removeVar(vars[v]); return;
+      default:
+        // Nothing but the handles may hold a node when a variable goes.
+        sweep([](TavNumExprI*) { return true; });
+        argVars.end();
+        argVars = TavNumVarArray();
+        ei()->setOneByOneRemoval(s.op == '1');
+        ei()->setRemoveFromAllOnDestroy(true);
+        vars[v].end();
+        ei()->setOneByOneRemoval(false);
+        ei()->setRemoveFromAllOnDestroy(p.removeFromAll);
+        ++removed;
+        return;
+    }
+  }
+
+  /// The records of the last statement against the reference's.
+  std::string records() {
+    if (!listener) return "";
+    std::vector<Record> want = m.records;
+    auto id = [this](const Record& r) {
+      return r.kind == RConvRemove ? convs[(std::size_t)r.slot].getImpl()->getId() : arg((std::size_t)r.slot).getImpl()->getId();
+    };
+    std::stable_sort(want.begin(), want.end(), [&id](const Record& a, const Record& b) { return a.byId && b.byId && id(a) < id(b); });
+    const auto& got = listener->got;
+    if (!listener->odd.empty()) return listener->odd;
+    for (std::size_t i = 0; i < std::max(want.size(), got.size()); ++i) {
+      if (i >= got.size())
+        return std::string("missing record ") + RecordNames[want[i].kind] + (want[i].var >= 0 ? " of " + p.varName(want[i].var) : "");
+      const Record& g = got[i].first;
+      if (i >= want.size()) return std::string("unexpected record ") + RecordNames[g.kind];
+      const Record& w = want[i];
+      const bool lin = w.kind <= RIntRemoveVar;
+      Record cmp = g;
+      cmp.slot = w.slot;
+      cmp.byId = w.byId;
+      if (!(cmp == w) || (lin && got[i].second != (const void*)arg((std::size_t)w.slot).getImpl()) ||
+          (w.kind == RConvRemove && g.slot != w.slot))
+        return std::string("record ") + std::to_string(i + 1) + " is " + RecordNames[g.kind] + " (" +
+               (g.var >= 0 ? p.varName(g.var) : "?") + ", " + str(g.a) + ", " + str(g.b) + ", " + std::to_string(g.values.size()) +
+               " values), expected " + RecordNames[w.kind] + " (" + p.varName(w.var) + ", " + str(w.a) + ", " + str(w.b) +
+               ", " + std::to_string(w.values.size()) + " values" + (lin ? " on h" + std::to_string(w.slot) : "") + ")";
+    }
+    return "";
+  }
+
+  /// Bounds, thresholds and value lists of the variables, the variables of the conversions.
+  std::string variables() {
+    for (std::size_t v = 0; v < vars.size(); ++v) {
+      const VarState& w = m.vars[v];
+      if (w.removed) continue;
+      const std::string name = p.varName((int)v);
+      if (vars[v].getLB() != w.lb || vars[v].getUB() != w.ub)
+        return name + " has bounds [" + str(vars[v].getLB()) + ", " + str(vars[v].getUB()) + "], expected [" + str(w.lb) +
+               ", " + str(w.ub) + "]";
+      if ((int)v < p.numVars && v % 2) {
+        const double t = TavSemiContVar(static_cast<TavSemiContVarI*>(vars[v].getImpl())).getSemiContinuousLb();
+        if (t != w.threshold) return name + " has threshold " + str(t) + ", expected " + str(w.threshold);
+      }
+      if (w.values.empty()) continue;
+      std::vector<double> got;
+      if (w.intValues) {
+        Local<TavIntArray> out{TavIntArray(env)};
+        TavIntVar(vars[v].getImpl()).getPossibleValues(out.a);
+        got = Listener::contents(out.a);
+      } else {
+        Local<TavNumArray> out{TavNumArray(env)};
+        vars[v].getPossibleValues(out.a);
+        got = Listener::contents(out.a);
+      }
+      if (got != w.values) return name + " has " + std::to_string(got.size()) + " possible values, not the ones set";
+    }
+    for (std::size_t c = 0; c < convs.size(); ++c) {
+      const TavNumVarArray a = convs[c].getImpl()->getVars();
+      bool same = a.getSize() == (TavInt)m.conversions[c].size();
+      for (TavInt i = 0; same && i < a.getSize(); ++i) same = a[i].getImpl() == vars[(std::size_t)m.conversions[c][(std::size_t)i]].getImpl();
+      if (!same) return "conversion c" + std::to_string(c) + " holds " + std::to_string(a.getSize()) + " variables, not the expected ones";
+    }
+    return "";
+  }
+
+  /// Both texts of a linear node against the reference printer.
+  std::string display(std::size_t i) {
+    if (!p.display || !live(i)) return "";
+    for (bool library : {false, true}) {
+      const std::string want = displayLinear(p, *m.slots[i], library);
+      if (want.empty()) return "";
+      std::ostringstream os;
+      ei()->setLibrarySyntaxDisplay(library);
+      arg(i).getImpl()->display(os);
+      ei()->setLibrarySyntaxDisplay(false);
+      // The reference does not tell a term from a linear node, so the sign
+      // of a zero constant may differ after a negation: either is accepted.
+      Ref flipped = *m.slots[i];
+      flipped.cst = -flipped.cst;
+      if (os.str() != want && !(flipped.cst == 0.0 && os.str() == displayLinear(p, flipped, library)))
+        return "h" + std::to_string(i) + (library ? " in library syntax" : "") + " displays \"" + os.str() + "\", expected \"" +
+               want + "\"";
+    }
+    return "";
   }
 
   std::string step(const Stmt& s) {
@@ -474,6 +718,7 @@ struct Runner {
     if (s.failAfter) sweep([](TavNumExprI*) { return true; });
     const TavInt objects = ei()->getLiveObjectCount(), terms = ei()->getLiveTermCount();
     bool threw = false, nothingMerged = false;
+    if (listener) listener->got.clear();
     if (s.failAfter) {
       std::vector<TavNumExprI*> before;
       std::vector<TavInt> counts;
@@ -503,6 +748,7 @@ struct Runner {
         }
         std::string err = check();
         if (!err.empty()) return "after a failed allocation: " + err;
+        if (listener) listener->got.clear();  // records of the attempt that failed
         err = actCounted(s, threw, nothingMerged);
         if (!err.empty()) return err;
       }
@@ -516,7 +762,16 @@ struct Runner {
       if (threw != expect) return expect ? "setNumConstant accepted a non-linear expression" : "setNumConstant threw";
       if (threw) return "";
     }
+    if (s.kind == SValues) {
+      const bool expect = s.vars[0] >= p.numVars && s.op != 'i';
+      if (threw != expect) return expect ? "a continuous list was accepted by an integer variable" : "setPossibleValues threw";
+    }
+    m.records.clear();
     const int merges = m.apply(s);
+    std::string err = records();
+    if (!err.empty()) return err;
+    if (s.kind < SVarBounds && s.slot >= 0) err = display((std::size_t)s.slot);
+    if (!err.empty()) return err;
     if (s.kind == SNormalize) return terms_(s.slot, merges, nothingMerged);
     return "";
   }
@@ -625,8 +880,10 @@ struct Runner {
     const TavInt baseline = ei()->getLiveObjectCount();
     if (baseline != (TavInt)vars.size() + 2) return "the variables and constraints alone are " + std::to_string(baseline) + " objects";
     for (std::size_t k = 0; k < p.stmts.size(); ++k) {
+      if ((int)k == p.listenAt) listener.reset(new Listener(ei(), vars, convs));
       std::string err = step(p.stmts[k]);
       if (err.empty()) err = check();
+      if (err.empty()) err = variables();
       if (!err.empty()) return "after statement " + std::to_string(k + 1) + ": " + err;
     }
     for (std::size_t i = 0; i < slots.size(); ++i) {
@@ -635,15 +892,17 @@ struct Runner {
       s.kind = SNormalize;
       s.slot = (int)i;
       std::string err = step(s);
+      if (err.empty()) err = display(i);
       if (!err.empty()) return "at the end: " + err;
     }
     for (std::size_t i = 0; i < slots.size(); ++i)
       if (live(i)) arg(i).end(), slots[i] = 0.0;
+    for (TavConversion& c : convs) c.end();
     // An integer temporary converted to a numeric one is left as it is, for
     // env.end(): those are the only nodes that may stay behind.
     sweep([](TavNumExprI* n) { return n->isType(TavIntLinTermI::GetTypeInfo()); });
-    if (ei()->getLiveObjectCount() != baseline || ei()->getLiveTermCount() != 0)
-      return "after ending every handle: " + std::to_string(ei()->getLiveObjectCount() - baseline) + " nodes and " +
+    if (ei()->getLiveObjectCount() != baseline - removed || ei()->getLiveTermCount() != 0)
+      return "after ending every handle: " + std::to_string(ei()->getLiveObjectCount() - baseline + removed) + " nodes and " +
              std::to_string(ei()->getLiveTermCount()) + " term cells remain";
     return "";
   }
@@ -674,6 +933,7 @@ std::string run(const Program& p) {
   } catch (const std::exception& e) {
     err = std::string("unexpected exception: ") + e.what();
   }
+  r.listener.reset();
   r.env.end();
   return err;
 }
