@@ -3,7 +3,9 @@
 #ifndef TAV_EXPRESSION_ARRAYS_H
 #define TAV_EXPRESSION_ARRAYS_H
 
+#include <iterator>
 #include <type_traits>
+#include <vector>
 
 #include "variables.h"
 
@@ -21,6 +23,16 @@ constexpr bool TavIsElementList() {
   return sizeof...(E) >= 1 && sizeof...(E) <= 10 && (std::is_convertible<const E&, H>::value && ...);
 }
 
+/// Whether an array of handles H can take an E as an element: E converts to
+/// H without making a node (a term, or anything but a linear expression
+/// going into an array of linear expressions, would make one).
+template <class H, class E>
+constexpr bool TavIsElementOf() {
+  return std::is_convertible<const E&, H>::value && !std::is_same<E, TavNumLinExprTerm>::value &&
+         !std::is_same<E, TavIntLinExprTerm>::value &&
+         (!std::is_base_of<TavNumExpr, H>::value || std::is_base_of<H, E>::value);
+}
+
 /// An extractable array whose elements read back as handles H over I.
 template <class H, class I>
 class TavHandleArray : public TavExtractableArray {
@@ -28,6 +40,18 @@ class TavHandleArray : public TavExtractableArray {
   TavHandleArray(TavArrayI* impl = nullptr) : TavExtractableArray(impl) {}
   /// n null elements.
   explicit TavHandleArray(TavEnv env, TavInt n = 0) : TavExtractableArray(env, n) {}
+  /// The handles of [first, last) in env, as add would store them one by one.
+  template <class It, class = std::enable_if_t<TavIsElementOf<H, typename std::iterator_traits<It>::value_type>()>>
+  TavHandleArray(TavEnv env, It first, It last)
+      : TavExtractableArray(MakeFrom(env, first, last, [](TavArraySlot& s, const auto& e) {
+          const H h = e;
+          TavStoreElement(s, h);
+        })) {}
+  /// The n handles from handles, in env.
+  TavHandleArray(TavEnv env, const H* handles, TavInt n) : TavHandleArray(env, handles, EndOf(handles, n)) {}
+  /// The vector's handles, in env.
+  template <class E, class A, class = std::enable_if_t<TavIsElementOf<H, E>()>>
+  TavHandleArray(TavEnv env, const std::vector<E, A>& handles) : TavHandleArray(env, handles.begin(), handles.end()) {}
   /// Element i; assigning to it stores the new element in the array.
   TavArrayElement<H> operator[](TavInt i) const {
     TavArraySlot& s = slot(i);
@@ -55,6 +79,7 @@ class TavHandleArray : public TavExtractableArray {
   }
 };
 
+/// An array of numeric expressions (elements may be empty).
 class TavNumExprArray : public TavHandleArray<TavNumExprArg, TavNumExprI> {
  public:
   using TavHandleArray::TavHandleArray;
@@ -71,6 +96,7 @@ class TavNumExprArray : public TavHandleArray<TavNumExprArg, TavNumExprI> {
   void replaceByClone(TavEnvI* env);
 };
 
+/// An array of integer expressions (elements may be empty).
 class TavIntExprArray : public TavHandleArray<TavIntExprArg, TavIntExprI> {
  public:
   using TavHandleArray::TavHandleArray;
@@ -169,6 +195,7 @@ class TavIntVarArray : public TavHandleArray<TavIntVar, TavNumVarI> {
   TavIntVarArray getClone(TavEnvI* env) const;
 };
 
+/// An array of Boolean variables.
 class TavBoolVarArray : public TavHandleArray<TavBoolVar, TavNumVarI> {
  public:
   using TavHandleArray::TavHandleArray;

@@ -123,7 +123,4 @@ void TavConversionRemoveVar::visitChange(TavEnvI*, TavExtractableI*, TavChangeVi
   visitor->visitConversionRemoveVar(_conversion, _var);
 }
 
-std::ostream& operator<<(std::ostream& os, const TavConversion& c) {
-  if (c.getImpl()) c.getImpl()->display(os);
-  return os;
-}
+std::ostream& operator<<(std::ostream& os, const TavConversion& c) { return TavPrintObject(os, c.getImpl()); }

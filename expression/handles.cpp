@@ -41,10 +41,7 @@ double TavNumExprArg::getNumConstant() const {
 }
 
 
-std::ostream& operator<<(std::ostream& os, const TavNumExprArg& e) {
-  if (e.getImpl()) e.getImpl()->display(os);
-  return os;
-}
+std::ostream& operator<<(std::ostream& os, const TavNumExprArg& e) { return TavPrintObject(os, e.getImpl()); }
 
 // ------------------------------------------------------------------ TavNumExpr
 

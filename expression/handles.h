@@ -31,7 +31,7 @@ class TavNumExprArg {
 class TavIntExprArg : public TavNumExprArg {
  public:
   TavIntExprArg(TavIntExprI* impl = nullptr) : TavNumExprArg(impl) {}
-  TavIntExprI* getImpl() const { return static_cast<TavIntExprI*>(_impl); }
+  TAV_HANDLE_POINTER TavIntExprI* getImpl() const { return static_cast<TavIntExprI*>(_impl); }
 };
 
 class TavNumExprNonLinearExpression;
@@ -161,7 +161,7 @@ class TavIntExpr : public TavNumExpr {
   /// Stores the node and adds one reference.
   TavIntExpr(const TavIntExprArg& arg);
 
-  TavIntExprI* getImpl() const { return static_cast<TavIntExprI*>(_impl); }
+  TAV_HANDLE_POINTER TavIntExprI* getImpl() const { return static_cast<TavIntExprI*>(_impl); }
   /// The same node as a temporary handle (no count).
   operator TavIntExprArg() const { return TavIntExprArg(getImpl()); }
 
@@ -204,6 +204,7 @@ class TavIntLinExprTerm {
   TavNumLinExprTermI* _cell;
 };
 
+/// Any expression, variable or constraint handle: its display, "<empty>" for an empty handle.
 std::ostream& operator<<(std::ostream& os, const TavNumExprArg& e);
 
 inline TavExpr& TavExpr::operator+=(TavNumLinExprTerm t) {

@@ -1,6 +1,8 @@
 // Scalar products and sums.
 #include "sums.h"
 
+#include <type_traits>
+
 #include "checks.h"
 #include "operators.h"
 
@@ -34,18 +36,6 @@ inline void varIn(const TavEnvI* env, const TavNumVarI* v, const char* message) 
   if (TAV_UNLIKELY(TavVarEnv(v) != env)) throw TavWrongUsage(message, 0);
 }
 
-/// A coefficient from its slot in a number array.
-template <class Coefs>
-struct CoefOf;
-template <>
-struct CoefOf<TavNumArray> {
-  static double get(const TavArraySlot& s) { return s.num; }
-};
-template <>
-struct CoefOf<TavIntArray> {
-  static double get(const TavArraySlot& s) { return (double)s.integer; }
-};
-
 /// Gives back a chain of cells from first (the last one's next is null).
 void recycleChain(TavEnvI* env, TavNumLinExprTermI* first) {
   while (first) {
@@ -62,14 +52,43 @@ TavInt runEnd(const TavArrayI* a, TavInt i, TavInt end) {
   return blockEnd < end ? blockEnd : end;
 }
 
-/// Makes one new cell (x[i], coef(c[i])) per position, chained in order,
-/// after check(x[i]); returns the first and sets last. With no c, coef gets
-/// x's slot. Only a failed check or a failed allocation throws, and the
-/// cells made go back. With ChecksWin, a failed allocation is passed on only
-/// after the remaining variables passed their checks: the result of checking
-/// every variable before any cell. The arrays are walked a block at a time.
-template <bool ChecksWin, class Coef, class Check>
-TavNumLinExprTermI* chainTerms(TavEnvI* env, const TavArrayI* x, const TavArrayI* c, Coef coef, Check check,
+/// Where the coefficients of a scalar product come from: at(i) points at
+/// coefficient i, and the ones up to run(i, end) lie after it in memory.
+template <class T>
+struct ArrayCoefs {  // a number array: a run ends with its block
+  const TavArrayI* a;
+  TavInt run(TavInt i, TavInt end) const { return runEnd(a, i, end); }
+  const TavArraySlot* at(TavInt i) const { return &a->at(i); }
+  static double get(const TavArraySlot* s, TavInt k) {
+    if constexpr (std::is_same<T, double>::value) return s[k].num;
+    else return (double)s[k].integer;
+  }
+};
+template <class T>
+ArrayCoefs<T> coefsOf(const TavValueArray<T>& c) {
+  return ArrayCoefs<T>{c.getImpl()};
+}
+template <class T>
+struct RawCoefs {  // numbers the caller holds in one block of memory
+  const T* p;
+  TavInt run(TavInt, TavInt end) const { return end; }
+  const T* at(TavInt i) const { return p + i; }
+  static double get(const T* s, TavInt k) { return (double)s[k]; }
+};
+struct UnitCoefs {  // every coefficient 1
+  TavInt run(TavInt, TavInt end) const { return end; }
+  const void* at(TavInt) const { return nullptr; }
+  static double get(const void*, TavInt) { return 1.0; }
+};
+
+/// Makes one new cell (x[i], c[i]) per position, chained in order, after
+/// check(x[i]); returns the first and sets last. Only a failed check or a
+/// failed allocation throws, and the cells made go back. With ChecksWin, a
+/// failed allocation is passed on only after the remaining variables passed
+/// their checks: the result of checking every variable before any cell. The
+/// arrays are walked a block at a time.
+template <bool ChecksWin, class Coefs, class Check>
+TavNumLinExprTermI* chainTerms(TavEnvI* env, const TavArrayI* x, const Coefs& c, Check check,
                                TavNumLinExprTermI*& last) {
   TavNumLinExprTermI* first = nullptr;
   TavNumLinExprTermI** link = &first;
@@ -77,16 +96,15 @@ TavNumLinExprTermI* chainTerms(TavEnvI* env, const TavArrayI* x, const TavArrayI
   const TavInt n = x->getSize();
   try {
     for (TavInt start = 0; start < n;) {
-      TavInt end = runEnd(x, start, n);
-      if (c) end = runEnd(c, start, end);
+      const TavInt end = c.run(start, runEnd(x, start, n));
       const TavArraySlot* xs = &x->at(start);
-      const TavArraySlot* cs = c ? &c->at(start) : xs;
+      const auto cs = c.at(start);
       for (TavInt k = 0; k < end - start; ++k) {
         TavNumVarI* v = static_cast<TavNumVarI*>(xs[k].obj);
         check(v);
         TavNumLinExprTermI* cell;
         try {
-          cell = env->newTerm(v, coef(cs[k]));
+          cell = env->newTerm(v, Coefs::get(cs, k));
         } catch (...) {
           if (ChecksWin)
             for (TavInt j = start + k + 1; j < n; ++j) check(static_cast<TavNumVarI*>(x->at(j).obj));
@@ -122,18 +140,31 @@ Lin* nodeOfChain(TavEnvI* env, TavNumLinExprTermI* first, TavNumLinExprTermI* la
   return lin;
 }
 
+template <class Lin, class Coefs, class Vars>
+Lin* overVarsOf(const Coefs& c, const Vars& x) {
+  TavEnvI* env = x.getImpl()->getEnv();
+  TavNumLinExprTermI* last;
+  TavNumLinExprTermI* first =
+      chainTerms<true>(env, x.getImpl(), c, [env](TavNumVarI* v) { varIn(env, v, Mismatch); }, last);
+  return nodeOfChain<Lin>(env, first, last);
+}
+
 /// A linear node of the variables' environment with one cell (x[i], c[i])
 /// per position, in order: nothing is merged. Each variable is checked (its
 /// environment from its address, not read from it) as its cell is made.
 template <class Lin, class Coefs, class Vars>
 Lin* overVars(const Coefs& c, const Vars& x) {
   sameSize(c, x);
-  TavEnvI* env = x.getImpl()->getEnv();
-  TavNumLinExprTermI* last;
-  TavNumLinExprTermI* first = chainTerms<true>(
-      env, x.getImpl(), c.getImpl(), [](const TavArraySlot& s) { return CoefOf<Coefs>::get(s); },
-      [env](TavNumVarI* v) { varIn(env, v, Mismatch); }, last);
-  return nodeOfChain<Lin>(env, first, last);
+  return overVarsOf<Lin>(coefsOf(c), x);
+}
+
+/// The same from n coefficients the caller holds.
+template <class Lin, class T, class Vars>
+Lin* overVars(const T* c, TavInt n, const Vars& x) {
+  tav_detail::need(x);
+  if (n < 0 || (n > 0 && c == nullptr)) throw TavWrongUsage("TavScalProd: no coefficients", 0);
+  if (n != x.getSize()) throw TavInvalidScalProdArraysException();
+  return overVarsOf<Lin>(RawCoefs<T>{c}, x);
 }
 
 /// A linear node with the product a[i] * b[i] appended per position.
@@ -173,9 +204,8 @@ typename Handle::ResultArg sumOfVars(const Array& a, const char* message) {
   TavNumLinExprTermI* last;
   TavNumLinExprTermI* first;
   try {
-    first = chainTerms<false>(
-        env, a.getImpl(), nullptr, [](const TavArraySlot&) { return 1.0; },
-        [env, message](TavNumVarI* v) { varIn(env, v, message); }, last);
+    first = chainTerms<false>(env, a.getImpl(), UnitCoefs{}, [env, message](TavNumVarI* v) { varIn(env, v, message); },
+                              last);
   } catch (...) {
     e.end();
     throw;
@@ -221,6 +251,22 @@ TavNumExprArg TavScalProd(TavIntArray c, TavNumVarArray x) { return overVars<Tav
 TavNumExprArg TavScalProd(TavNumVarArray x, TavIntArray c) { return overVars<TavNumLinTermI>(c, x); }
 TavIntExprArg TavScalProd(TavIntArray c, TavIntVarArray x) { return overVars<TavIntLinTermI>(c, x); }
 TavIntExprArg TavScalProd(TavIntVarArray x, TavIntArray c) { return overVars<TavIntLinTermI>(c, x); }
+
+TavNumExprArg TavScalProd(const std::vector<double>& c, TavNumVarArray x) {
+  return overVars<TavNumLinTermI>(c.data(), (TavInt)c.size(), x);
+}
+TavNumExprArg TavScalProd(TavNumVarArray x, const std::vector<double>& c) { return TavScalProd(c, x); }
+TavNumExprArg TavScalProd(const std::vector<double>& c, TavIntVarArray x) {
+  return overVars<TavNumLinTermI>(c.data(), (TavInt)c.size(), x);
+}
+TavNumExprArg TavScalProd(TavIntVarArray x, const std::vector<double>& c) { return TavScalProd(c, x); }
+TavIntExprArg TavScalProd(const std::vector<TavInt>& c, TavIntVarArray x) {
+  return overVars<TavIntLinTermI>(c.data(), (TavInt)c.size(), x);
+}
+TavIntExprArg TavScalProd(TavIntVarArray x, const std::vector<TavInt>& c) { return TavScalProd(c, x); }
+TavNumExprArg TavScalProd(const double* c, TavInt n, TavNumVarArray x) { return overVars<TavNumLinTermI>(c, n, x); }
+TavNumExprArg TavScalProd(const double* c, TavInt n, TavIntVarArray x) { return overVars<TavNumLinTermI>(c, n, x); }
+TavIntExprArg TavScalProd(const TavInt* c, TavInt n, TavIntVarArray x) { return overVars<TavIntLinTermI>(c, n, x); }
 
 TavNumExprArg TavScalProd(TavNumExprArray a, TavNumExprArray b) {
   return overExprs<TavNumLinTermI, TavNumExprArg>(a, b);

@@ -345,16 +345,6 @@ void TavNumVar::getPossibleValues(TavNumArray out) const { appendValues(getImpl(
 void TavNumVar::setPossibleValues(TavNumArray values) const { setValues(getImpl(), values, NumValueMessages); }
 
 
-std::ostream& operator<<(std::ostream& os, const TavNumVar& v) {
-  if (v.getImpl()) v.getImpl()->display(os);
-  return os;
-}
-
-std::ostream& operator<<(std::ostream& os, const TavIntVar& v) {
-  if (v.getImpl()) v.getImpl()->display(os);
-  return os;
-}
-
 // ------------------------------------------------------------------ TavIntVar
 
 namespace {

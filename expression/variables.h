@@ -244,6 +244,7 @@ class TavSolutionI : public TavAlgorithmI {
   std::vector<ConstraintSlot> _constraintValues;  // by constraint identifier
 };
 
+/// A ready algorithm that holds the values set on it, to evaluate expressions and constraints.
 class TavSolution : public TavAlgorithm {
  public:
   /// A new solution in env, freed with it (or by end()).
@@ -267,8 +268,8 @@ TavInt TavEvaluateIn(const TavModelEvaluator& evaluator, const TavIntExprArg& ex
 /// one, TavBadConversion for an integer one whose bounds are not 0 or 1.
 TavNumVarI* TavCheckBoolFromNum(TavNumVarI* var);
 
-std::ostream& operator<<(std::ostream& os, const TavNumVar& v);
-std::ostream& operator<<(std::ostream& os, const TavIntVar& v);
+// Variables print through their expression handle's operator<< (handles.h),
+// which shows "<empty>" for an empty handle.
 
 namespace tav_detail {
 inline bool isVar(const TavNumExprI* e) { return e->isType(TavNumVarI::GetTypeInfo()); }

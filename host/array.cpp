@@ -109,6 +109,11 @@ TavArrayI* TavArrayBase::Make(TavEnv env, TavInt n) {
   return new (e) TavArrayI(e, n);
 }
 
+void TavArrayBase::CheckCount(bool hasData, TavInt n) {
+  if (n < 0) throw TavWrongUsage("TavArray: negative element count", 0);
+  if (n > 0 && !hasData) throw TavWrongUsage("TavArray: null element pointer", 0);
+}
+
 TavNumArray TavIntArray::toNumArray() const {
   TavNumArray out(getEnv(), getSize());
   for (TavInt i = 0; i < getSize(); ++i) out[i] = (double)(*this)[i];
@@ -180,6 +185,14 @@ void TavNumColumn::end() {
   delete _impl;
   _impl = nullptr;
 }
+
+std::ostream& TavPrintObject(std::ostream& os, const TavExtractableI* obj) {
+  if (obj == nullptr) return os << "<empty>";
+  obj->display(os);
+  return os;
+}
+
+std::ostream& operator<<(std::ostream& os, const TavExtractable& e) { return TavPrintObject(os, e.getImpl()); }
 
 std::ostream& operator<<(std::ostream& os, const TavNumArray& a) {
   return TavPrintArray(os, a, [](std::ostream& o, double v) { o << v; });

@@ -4,9 +4,11 @@
 #define TAV_HOST_ARRAY_H
 
 #include <initializer_list>
+#include <iterator>
 #include <ostream>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "base.h"
 #include "object.h"
@@ -70,6 +72,11 @@ class TavArrayI : public TavMemoryManagerObjectI {
 /// Throws TavArrayError for an index outside [0, size).
 [[noreturn]] void TavThrowOutOfRange(TavInt i, TavInt size);
 
+/// Whether It is an iterator whose elements convert to T.
+template <class It, class T>
+using TavIfIteratorOf =
+    std::enable_if_t<std::is_convertible<typename std::iterator_traits<It>::reference, T>::value, int>;
+
 /// What every array handle shares: one pointer to its storage.
 class TavArrayBase {
  public:
@@ -89,6 +96,19 @@ class TavArrayBase {
 
  protected:
   static TavArrayI* Make(TavEnv env, TavInt n);
+  /// A new array of env with put(slot, e) done for every e of [first, last)
+  /// in order, sized once when the range can be counted. When put or an
+  /// allocation throws, the array goes again: nothing is left behind.
+  template <class It, class Put>
+  static TavArrayI* MakeFrom(TavEnv env, It first, It last, Put put);
+  /// The end of n elements from p; TavWrongUsage for a negative count or a
+  /// null pointer with a positive one.
+  template <class T>
+  static const T* EndOf(const T* p, TavInt n) {
+    CheckCount(p != nullptr, n);
+    return n > 0 ? p + n : p;
+  }
+  static void CheckCount(bool hasData, TavInt n);
   /// The storage, refused when the handle is empty or its environment has ended.
   TavArrayI* live() const { return TavLive(_impl); }
   /// Element i of a handle: refused when the handle is empty, and outside
@@ -101,13 +121,39 @@ class TavArrayBase {
   TavArrayI* _impl;
 };
 
+template <class It, class Put>
+TavArrayI* TavArrayBase::MakeFrom(TavEnv env, It first, It last, Put put) {
+  constexpr bool counted = std::is_base_of<std::forward_iterator_tag,
+                                           typename std::iterator_traits<It>::iterator_category>::value;
+  TavArrayI* a;
+  if constexpr (counted) a = Make(env, (TavInt)std::distance(first, last));
+  else a = Make(env, 0);
+  try {
+    if constexpr (counted) {
+      for (TavInt i = 0; first != last; ++first, ++i) put(a->at(i), *first);
+    } else {
+      for (; first != last; ++first) {
+        TavArraySlot s;
+        put(s, *first);
+        a->add(s);
+      }
+    }
+  } catch (...) {
+    a->end();
+    throw;
+  }
+  return a;
+}
+
 /// Maps an element type to its slot member.
 template <class T>
 struct TavSlotOf;
+/// Numbers are held in the slot's num member.
 template <>
 struct TavSlotOf<double> {
   static double& get(TavArraySlot& s) { return s.num; }
 };
+/// Integers are held in the slot's integer member.
 template <>
 struct TavSlotOf<TavInt> {
   static TavInt& get(TavArraySlot& s) { return s.integer; }
@@ -128,6 +174,15 @@ class TavValueArray : public TavArrayBase {
       throw;
     }
   }
+  /// The values of [first, last), converted to T, in env.
+  template <class It, TavIfIteratorOf<It, T> = 0>
+  TavValueArray(TavEnv env, It first, It last)
+      : TavArrayBase(MakeFrom(env, first, last, [](TavArraySlot& s, const auto& v) { TavSlotOf<T>::get(s) = T(v); })) {}
+  /// The n values from values, in env.
+  TavValueArray(TavEnv env, const T* values, TavInt n) : TavValueArray(env, values, EndOf(values, n)) {}
+  /// The vector's values, converted to T, in env.
+  template <class U, class A, class = std::enable_if_t<std::is_convertible<const U&, T>::value>>
+  TavValueArray(TavEnv env, const std::vector<U, A>& values) : TavValueArray(env, values.begin(), values.end()) {}
   T& operator[](TavInt i) const { return TavSlotOf<T>::get(slot(i)); }
   /// Element access by an index that is not a number (an integer
   /// expression): the layer that defines the index type supplies
@@ -150,6 +205,7 @@ class TavNumArray : public TavValueArray<double> {
   using TavValueArray<double>::TavValueArray;
 };
 
+/// An array of 64-bit integers.
 class TavIntArray : public TavValueArray<TavInt> {
  public:
   using TavValueArray<TavInt>::TavValueArray;
@@ -316,8 +372,10 @@ class TavNumColumn : public TavAddNumVar {
   void end();
 };
 
+/// Stores a column in an array slot (the element builder of column arrays).
 inline void TavStoreElement(TavArraySlot& slot, const TavNumColumn& c) { slot.ptr = c.getImpl(); }
 
+/// An array of columns, from which arrays of variables are made column-wise.
 class TavNumColumnArray : public TavArrayBase {
  public:
   TavNumColumnArray(TavArrayI* impl = nullptr) : TavArrayBase(impl) {}
@@ -334,11 +392,12 @@ class TavNumColumnArray : public TavArrayBase {
 };
 
 /// "[" elements "]", separated by ", " with a line break for the blank after
-/// every tenth element.
+/// every tenth element; "<empty>" for an empty handle.
 template <class Array, class PrintElement>
 std::ostream& TavPrintArray(std::ostream& os, const Array& a, PrintElement print) {
+  if (a.getImpl() == nullptr) return os << "<empty>";
   os << "[";
-  TavInt n = a.getImpl() ? a.getSize() : 0;
+  const TavInt n = a.getSize();
   for (TavInt i = 0; i < n; ++i) {
     if (i > 0) os << (i % 10 == 0 ? ",\n" : ", ");
     print(os, a[i]);
@@ -346,8 +405,16 @@ std::ostream& TavPrintArray(std::ostream& os, const Array& a, PrintElement print
   return os << "]";
 }
 
+/// Writes obj's display, or "<empty>" for none: how every handle prints.
+std::ostream& TavPrintObject(std::ostream& os, const TavExtractableI* obj);
+
+/// An empty handle prints "<empty>", any other its object's display or its
+/// elements in brackets.
+///@{
+std::ostream& operator<<(std::ostream& os, const TavExtractable& e);
 std::ostream& operator<<(std::ostream& os, const TavNumArray& a);
 std::ostream& operator<<(std::ostream& os, const TavIntArray& a);
 std::ostream& operator<<(std::ostream& os, const TavExtractableArray& a);
+///@}
 
 #endif

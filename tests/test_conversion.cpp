@@ -164,7 +164,7 @@ TEST_F(Conversion, EmptyHandlesFailCleanly) {
     before.expectSame(r.first);
   }
   none.end();  // nothing to end
-  EXPECT_EQ(show(none), "");
+  EXPECT_EQ(show(none), "<empty>");
 
   TavConversion c(v.env, v.x, TavNumVar::Int);
   EXPECT_EQ(messageOf<TavEmptyHandleException>([&] { c.removeVar(TavNumVar()); }), "<none>");
