@@ -378,12 +378,6 @@ void sweepElement(const char* name, TavNumExprArg (*build)(const Array&, const T
   }
 }
 
-// How a row's builder is called, by its constant order.
-#define CALL_XC(F, H, C) +[](const H& x, C c) -> TavNumExprArg { return F(x, c); }
-#define CALL_CX(F, H, C) +[](const H& x, C c) -> TavNumExprArg { return F(c, x); }
-#define CALLS_OperandFirst(F, H, C) {CALL_XC(F, H, C)}
-#define CALLS_ConstantFirst(F, H, C) {CALL_CX(F, H, C)}
-#define CALLS_Either(F, H, C) {CALL_XC(F, H, C), CALL_CX(F, H, C)}
 
 #define SWEEP_CST(Name, Base, How, F, Constant, Integrality, Order, ...) \
   sweepCst<Name, tav_detail::ArgOf<Base>, Constant>(#Name, CALLS_##Order(F, tav_detail::ArgOf<Base>, Constant));

@@ -223,14 +223,9 @@ void misuseElement(const char* name, F build) {
       #Name, +[](const tav_detail::ArgOf<Base>& a, const tav_detail::ArgOf<Base>& b) -> TavNumExprArg { \
         return F(a, b);                                                                                   \
       });
-#define MISUSE_XC(F, H, C) +[](const H& x, C c) -> TavNumExprArg { return F(x, c); }
-#define MISUSE_CX(F, H, C) +[](const H& x, C c) -> TavNumExprArg { return F(c, x); }
-#define MISUSE_FORMS_OperandFirst(F, H, C) {MISUSE_XC(F, H, C)}
-#define MISUSE_FORMS_ConstantFirst(F, H, C) {MISUSE_CX(F, H, C)}
-#define MISUSE_FORMS_Either(F, H, C) {MISUSE_XC(F, H, C), MISUSE_CX(F, H, C)}
 #define MISUSE_CST(Name, Base, How, F, Constant, Integrality, Order, ...)  \
   misuseConstant<tav_detail::ArgOf<Base>, Constant, TavNumExprArg (*)(const tav_detail::ArgOf<Base>&, Constant)>( \
-      #Name, MISUSE_FORMS_##Order(F, tav_detail::ArgOf<Base>, Constant));
+      #Name, CALLS_##Order(F, tav_detail::ArgOf<Base>, Constant));
 #define MISUSE_ARR(Name, Base, How, F, Array, ...)                                  \
   misuseArray<Array, tav_detail::ArgOf<Base>>(                                      \
       #Name, +[](const Array& a) -> TavNumExprArg { return F(a); },                 \

@@ -130,4 +130,11 @@ inline void expectSame(double got, double want) {
   EXPECT_EQ(std::signbit(got), std::signbit(want)) << got;
 }
 
+// How a row's builder is called, by its constant order.
+#define CALL_XC(F, H, C) +[](const H& x, C c) -> TavNumExprArg { return F(x, c); }
+#define CALL_CX(F, H, C) +[](const H& x, C c) -> TavNumExprArg { return F(c, x); }
+#define CALLS_OperandFirst(F, H, C) {CALL_XC(F, H, C)}
+#define CALLS_ConstantFirst(F, H, C) {CALL_CX(F, H, C)}
+#define CALLS_Either(F, H, C) {CALL_XC(F, H, C), CALL_CX(F, H, C)}
+
 #endif
