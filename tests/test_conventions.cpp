@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tavexpression.h"
+#include "sweep.h"
 #include "test_support.h"
 
 using tavtest::show;
@@ -58,6 +59,7 @@ void sweepFailures(TavEnv env, Build build) {
   const std::size_t bytes = e->getMemory().getLiveBytes();
   int failures = 0;
   for (TavInt k = 1;; ++k) {
+    ++tavtest::sweptPairs();
     e->getMemory().failAfter(k);
     try {
       auto made = build();

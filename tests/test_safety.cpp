@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "tavexpression.h"
+#include "sweep.h"
 #include "test_support.h"
 
 namespace {
@@ -267,6 +268,7 @@ TEST(Safety, AllocationFailureLeavesTheModelAsItWas) {
     const std::size_t bytes = env->getMemory().getLiveBytes();
     bool done = false;
     for (TavInt k = 1; !done && k < 5000; ++k, ++tried) {
+      ++tavtest::sweptPairs();
       env->getMemory().failAfter(k);
       try {
         op.run(m);
@@ -329,6 +331,7 @@ TEST(Safety, CloningPassesKeepToTheirTarget) {
   const std::size_t bytes = ed->getMemory().getLiveBytes();
   TavExtractableI* inD = nullptr;
   for (TavInt k = 1; inD == nullptr; ++k) {
+    ++tavtest::sweptPairs();
     ed->getMemory().failAfter(k);
     try {
       inD = ea->cloneInto(p.getImpl(), ed);
