@@ -374,3 +374,45 @@ TEST(Misuse, EveryOtherEntryPoint) {
     e.end();
   }
 }
+
+// Every form of variable times number, each order, with the variable empty,
+// of an ended environment, and live with one and with two live environments
+// (the second case looks its environment up; the first reads the sole one).
+TEST(Misuse, EveryTermForm) {
+  const struct {
+    const char* what;
+    std::function<TavNumExprArg(const TavNumVar&, const TavIntVar&)> make;
+  } forms[] = {
+      {"num * double", [](const TavNumVar& x, const TavIntVar&) -> TavNumExprArg { return x * 2.5; }},
+      {"double * num", [](const TavNumVar& x, const TavIntVar&) -> TavNumExprArg { return 2.5 * x; }},
+      {"num * TavInt", [](const TavNumVar& x, const TavIntVar&) -> TavNumExprArg { return x * TavInt(2); }},
+      {"TavInt * num", [](const TavNumVar& x, const TavIntVar&) -> TavNumExprArg { return TavInt(2) * x; }},
+      {"num * int", [](const TavNumVar& x, const TavIntVar&) -> TavNumExprArg { return x * 2; }},
+      {"int * num", [](const TavNumVar& x, const TavIntVar&) -> TavNumExprArg { return 2 * x; }},
+      {"int var * double", [](const TavNumVar&, const TavIntVar& i) -> TavNumExprArg { return i * 2.5; }},
+      {"double * int var", [](const TavNumVar&, const TavIntVar& i) -> TavNumExprArg { return 2.5 * i; }},
+      {"int var * TavInt", [](const TavNumVar&, const TavIntVar& i) -> TavNumExprArg { return i * TavInt(2); }},
+      {"TavInt * int var", [](const TavNumVar&, const TavIntVar& i) -> TavNumExprArg { return TavInt(2) * i; }},
+      {"int var * int", [](const TavNumVar&, const TavIntVar& i) -> TavNumExprArg { return i * 2; }},
+      {"int * int var", [](const TavNumVar&, const TavIntVar& i) -> TavNumExprArg { return 2 * i; }},
+  };
+  for (const auto& f : forms) {
+    {
+      Stage s;
+      expectRefused(s, std::string(f.what) + " of an empty variable", Refusal::Empty,
+                    [&] { f.make(TavNumVar(), TavIntVar()); });
+      expectRefused(s, std::string(f.what) + " of an ended environment", Refusal::WrongUsage,
+                    [&] { f.make(s.deadX, s.deadI); });
+      TavExpr e(s.b.env);
+      e += f.make(s.b.x, s.b.i);  // two live environments: the owner is looked up
+      EXPECT_EQ(show(e), show(TavExpr(f.make(s.b.x, s.b.i)))) << f.what;
+    }
+    TavEnv sole;  // the only live environment
+    TavNumVar x(sole, 0, 10, TavNumVar::Float, "x");
+    TavIntVar i(sole, 0, 10, "i");
+    TavExpr e(sole);
+    e += f.make(x, i);
+    EXPECT_EQ(e.getLinearIterator().ok(), true) << f.what;
+    sole.end();
+  }
+}
