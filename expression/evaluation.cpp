@@ -4,23 +4,22 @@
 #include "variables.h"
 
 double TavValueIn(const TavAlgorithm& alg, const TavNumVar& var) {
-  if (var.getImpl() == nullptr || alg.getImpl() == nullptr) throw TavEmptyHandleException();
-  return alg.getImpl()->getValue(var.getImpl());
+  TavNumVarI* v = tav_detail::need(var.getImpl());
+  return tav_detail::need(alg.getImpl())->getValue(v);
 }
 
 double TavValueIn(const TavAlgorithm& alg, const TavNumExprArg& expr) {
-  if (expr.getImpl() == nullptr || alg.getImpl() == nullptr) throw TavEmptyHandleException();
-  return expr.getImpl()->eval(alg);
+  TavNumExprI* e = tav_detail::need(expr.getImpl());
+  tav_detail::need(alg.getImpl());
+  return e->eval(alg);
 }
 
 void TavSetValueIn(TavModelEvaluator& evaluator, const TavNumVar& var, TavInt value) {
-  if (var.getImpl() == nullptr) throw TavEmptyHandleException();
-  evaluator.setVarValue(var.getImpl(), value);
+  evaluator.setVarValue(tav_detail::need(var.getImpl()), value);
 }
 
 TavInt TavEvaluateIn(const TavModelEvaluator& evaluator, const TavIntExprArg& expr) {
-  TavNumExprI* e = expr.getImpl();
-  if (e == nullptr) throw TavEmptyHandleException();
+  TavNumExprI* e = tav_detail::need(static_cast<const TavNumExprArg&>(expr).getImpl());
   // A variable is looked up directly, so that its own fallback ends here.
   if (e->isType(TavNumVarI::GetTypeInfo())) return evaluator.getValue(static_cast<TavNumVarI*>(e));
   return TavTrunc(e->eval(evaluator.getReader()));
