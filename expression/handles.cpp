@@ -19,7 +19,8 @@ namespace {
 TavEnv TavNumExprArg::getEnv() const { return TavEnv(need(_impl)->getEnv()); }
 
 void TavNumExprArg::end() {
-  if (_impl) _impl->end();
+  // An ended environment has destroyed the node already.
+  if (_impl && TavMemory::EnvOf(_impl)) _impl->end();
   _impl = nullptr;
 }
 

@@ -363,6 +363,21 @@ const struct {
      [](Fixtures& f) -> TavNumExprArg { return TavStandardDeviation(f.intVars, NaN, NaN); }},
 };
 
+// Ending a handle whose environment has ended does nothing: the object went
+// with its environment.
+TEST(Misuse, EndingAfterTheEnvironment) {
+  TavEnv env;
+  TavNumVar x(env, 0, 1);
+  TavNumExpr e(x * 2.0 + 1.0);
+  TavNumArray a(env, 3);
+  TavExtractable any(x.getImpl());
+  TavConversion c(env, x, TavNumVar::Int);
+  env.end();
+  e.end(), a.end(), any.end(), c.end(), x.end();
+  EXPECT_EQ(e.getImpl(), nullptr);
+  EXPECT_EQ(a.getImpl(), nullptr);
+}
+
 TEST(Misuse, EveryOtherEntryPoint) {
   for (const Row& r : Rows) {
     Fixtures f;
