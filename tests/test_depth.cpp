@@ -68,6 +68,9 @@ struct Family {
   std::function<double(double v, long k)> step;
 };
 
+/// A family prints as its name (not as its bytes, padding included).
+void PrintTo(const Family& f, std::ostream* os) { *os << f.name; }
+
 const std::vector<Family>& families() {
   static const std::vector<Family> rows = {
       {"ProductAndQuotient", false,
