@@ -113,7 +113,7 @@ TavConversion::TavConversion(TavEnv, TavIntVarArray vars, TavNumVar::Type type, 
 TavEnv TavConversion::getEnv() const { return TavEnv(need(_impl)->getEnv()); }
 
 void TavConversion::end() {
-  if (_impl && TavMemory::EnvOf(_impl)) _impl->end();
+  TavEndLive(_impl);
   _impl = nullptr;
 }
 

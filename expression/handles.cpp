@@ -20,7 +20,7 @@ TavEnv TavNumExprArg::getEnv() const { return TavEnv(need(_impl)->getEnv()); }
 
 void TavNumExprArg::end() {
   // An ended environment has destroyed the node already.
-  if (_impl && TavMemory::EnvOf(_impl)) _impl->end();
+  TavEndLive(_impl);
   _impl = nullptr;
 }
 

@@ -32,8 +32,7 @@ Lin* filled(TavEnvI* env, Fill fill) {
 /// message. The environment comes from the variable's address: a sum over
 /// an array reads no variable.
 inline void varIn(const TavEnvI* env, const TavNumVarI* v, const char* message) {
-  if (TAV_UNLIKELY(v == nullptr)) throw TavEmptyHandleException();
-  if (TAV_UNLIKELY(TavVarEnv(v) != env)) throw TavWrongUsage(message, 0);
+  tav_detail::livesIn(env, TavNeed(v), message);
 }
 
 /// Gives back a chain of cells from first (the last one's next is null).

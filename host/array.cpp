@@ -130,7 +130,7 @@ TavInt TavExtractable::getId() const { return TavLive(_impl)->getId(); }
 const char* TavExtractable::getName() const { return TavLive(_impl)->getName(); }
 void TavExtractable::setName(const char* name) const { TavLive(_impl)->setName(name); }
 void TavExtractable::end() {
-  if (_impl && TavMemory::EnvOf(_impl)) _impl->end();
+  TavEndLive(_impl);
   _impl = nullptr;
 }
 

@@ -90,7 +90,7 @@ class TavArrayBase {
   /// Frees the array (not its elements); nothing for an ended environment,
   /// which freed it already.
   void end() {
-    if (_impl && TavMemory::EnvOf(_impl)) _impl->end();
+    TavEndLive(_impl);
     _impl = nullptr;
   }
 

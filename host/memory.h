@@ -268,6 +268,13 @@ class TavFixedSizeAllocatorI {
 /// TavWrongUsage when its environment has ended. The owner of the object's
 /// memory is looked up without reading the object, which an ended
 /// environment has given back.
+/// Ends what a handle holds, unless its environment has ended and taken it
+/// already (nothing of the object is read then).
+template <class P>
+void TavEndLive(P* p) {
+  if (p && TavMemory::EnvOf(p)) p->end();
+}
+
 template <class P>
 P* TavLive(P* p) {
   TavNeed(p);
