@@ -264,10 +264,6 @@ class TavFixedSizeAllocatorI {
 /// Throws TavWrongUsage for an object of an ended environment.
 [[noreturn]] void TavThrowEnded();
 
-/// The object behind a handle: TavEmptyHandleException when there is none,
-/// TavWrongUsage when its environment has ended. The owner of the object's
-/// memory is looked up without reading the object, which an ended
-/// environment has given back.
 /// Ends what a handle holds, unless its environment has ended and taken it
 /// already (nothing of the object is read then).
 template <class P>
@@ -275,6 +271,10 @@ void TavEndLive(P* p) {
   if (p && TavMemory::EnvOf(p)) p->end();
 }
 
+/// The object behind a handle: TavEmptyHandleException when there is none,
+/// TavWrongUsage when its environment has ended. The owner of the object's
+/// memory is looked up without reading the object, which an ended
+/// environment has given back.
 template <class P>
 P* TavLive(P* p) {
   TavNeed(p);
