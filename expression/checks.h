@@ -57,6 +57,26 @@ inline void livesIn(const TavEnvI* env, const TavMemoryManagerObjectI* obj, cons
   if (obj && TavMemory::EnvOf(obj) != env) throw TavWrongUsage(message, 0);
 }
 
+/// livesIn for many objects in a row: the owner table is read only when an
+/// object lies in another 64 KiB unit than the last one found in env, since
+/// no owner changes while one operation runs. Objects made one after another
+/// share units, so a long array is checked for about one compare each.
+class LivesInRun {
+ public:
+  LivesInRun(const TavEnvI* env, const char* message) : _env(env), _message(message) {}
+  void operator()(const TavMemoryManagerObjectI* obj) {
+    const std::uintptr_t unit = TavChunkOwners::UnitOf(TavNeed(obj));
+    if (TAV_LIKELY(unit == _unit)) return;
+    livesIn(_env, obj, _message);
+    _unit = unit;
+  }
+
+ private:
+  const TavEnvI* _env;
+  const char* _message;
+  std::uintptr_t _unit = ~std::uintptr_t(0);
+};
+
 }  // namespace tav_detail
 
 #endif

@@ -28,13 +28,6 @@ Lin* filled(TavEnvI* env, Fill fill) {
   return lin;
 }
 
-/// Refuses an empty variable, or one of another environment than env, with
-/// message. The environment comes from the variable's address: a sum over
-/// an array reads no variable.
-inline void varIn(const TavEnvI* env, const TavNumVarI* v, const char* message) {
-  tav_detail::livesIn(env, TavNeed(v), message);
-}
-
 /// Gives back a chain of cells from first (the last one's next is null).
 void recycleChain(TavEnvI* env, TavNumLinExprTermI* first) {
   while (first) {
@@ -91,7 +84,7 @@ TavNumLinExprTermI* chainTerms(TavEnvI* env, const TavArrayI* x, const Coefs& c,
                                TavNumLinExprTermI*& last) {
   TavNumLinExprTermI* first = nullptr;
   TavNumLinExprTermI** link = &first;
-  last = nullptr;
+  TavNumLinExprTermI* tail = nullptr;  // a local, so that the loop keeps it in a register
   const TavInt n = x->getSize();
   try {
     for (TavInt start = 0; start < n;) {
@@ -109,7 +102,7 @@ TavNumLinExprTermI* chainTerms(TavEnvI* env, const TavArrayI* x, const Coefs& c,
             for (TavInt j = start + k + 1; j < n; ++j) check(static_cast<TavNumVarI*>(x->at(j).obj));
           throw;
         }
-        *link = last = cell;
+        *link = tail = cell;
         link = &cell->_next;
       }
       start = end;
@@ -121,6 +114,7 @@ TavNumLinExprTermI* chainTerms(TavEnvI* env, const TavArrayI* x, const Coefs& c,
     throw;
   }
   *link = nullptr;
+  last = tail;
   return first;
 }
 
@@ -144,7 +138,7 @@ Lin* overVarsOf(const Coefs& c, const Vars& x) {
   TavEnvI* env = x.getImpl()->getEnv();
   TavNumLinExprTermI* last;
   TavNumLinExprTermI* first =
-      chainTerms<true>(env, x.getImpl(), c, [env](TavNumVarI* v) { varIn(env, v, Mismatch); }, last);
+      chainTerms<true>(env, x.getImpl(), c, tav_detail::LivesInRun(env, Mismatch), last);
   return nodeOfChain<Lin>(env, first, last);
 }
 
@@ -203,8 +197,7 @@ typename Handle::ResultArg sumOfVars(const Array& a, const char* message) {
   TavNumLinExprTermI* last;
   TavNumLinExprTermI* first;
   try {
-    first = chainTerms<false>(env, a.getImpl(), UnitCoefs{}, [env, message](TavNumVarI* v) { varIn(env, v, message); },
-                              last);
+    first = chainTerms<false>(env, a.getImpl(), UnitCoefs{}, tav_detail::LivesInRun(env, message), last);
   } catch (...) {
     e.end();
     throw;

@@ -80,13 +80,16 @@ static_assert(sizeof(TavChunkHeader) == TavChunkHeaderSize, "the header fills it
 /// once it is released, for ever after: leaves are never unmapped, so a
 /// dangling pointer of an ended environment reads null and never faults.
 struct TavChunkOwners {
+  static constexpr unsigned UnitBits = 16;
   static constexpr unsigned LeafBits = 16;
-  static constexpr unsigned TopBits = 47 - 16 - LeafBits;
+  static constexpr unsigned TopBits = 47 - UnitBits - LeafBits;
   typedef std::atomic<TavEnvI*> Leaf[std::size_t(1) << LeafBits];
   static std::atomic<Leaf*> Top[std::size_t(1) << TopBits];
 
+  /// The 64 KiB unit of address space p lies in: one owner per unit.
+  static std::uintptr_t UnitOf(const void* p) { return reinterpret_cast<std::uintptr_t>(p) >> UnitBits; }
   static TavEnvI* Get(const void* p) {
-    const std::uintptr_t unit = reinterpret_cast<std::uintptr_t>(p) >> 16;
+    const std::uintptr_t unit = UnitOf(p);
     Leaf* leaf = Top[(unit >> LeafBits) & ((std::uintptr_t(1) << TopBits) - 1)].load(std::memory_order_acquire);
     return leaf ? (*leaf)[unit & ((std::uintptr_t(1) << LeafBits) - 1)].load(std::memory_order_relaxed) : nullptr;
   }
