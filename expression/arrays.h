@@ -239,24 +239,19 @@ void needLength(TavInt n, const char* message, const A&... bounds) {
 /// so that a failed array leaves no column naming a destroyed variable.
 void uninstall(TavAddExtractableI* column, TavExtractableI* var);
 
-/// An array of env filled with make(i) for i in [0, n) (null allowed). When
-/// one creation fails, the variables made so far are ended, the last first,
-/// each after undo(i, var).
+/// An array of env filled with make(i) for i in [0, n) (null allowed). Its
+/// slots are taken at once, so that a large array gets large blocks (an
+/// array grown one element at a time keeps the small blocks it started
+/// with). When one creation fails, the variables made so far are ended, the
+/// last first, each after undo(i, var).
 template <class Array, class Make, class Undo>
 TavArrayI* buildArray(TavEnvI* env, TavInt n, Make make, Undo undo) {
-  Array a(TavEnv(env), 0);
+  Array a(TavExtractableArray(TavEnv(env), n).getImpl());
+  TavInt made = 0;
   try {
-    for (TavInt i = 0; i < n; ++i) {
-      auto* made = make(i);
-      try {
-        a.addObject(made);
-      } catch (...) {
-        if (made) undo(i, made), made->end();
-        throw;
-      }
-    }
+    for (; made < n; ++made) a.setObject(made, make(made));
   } catch (...) {
-    for (TavInt i = a.getSize() - 1; i >= 0; --i)
+    for (TavInt i = made - 1; i >= 0; --i)
       if (auto* v = a.getElement(i)) undo(i, v), v->end();
     a.end();
     throw;

@@ -696,11 +696,12 @@ TEST_F(Linear, IntegerLinearNode) {
 // of more than one block, with different block sizes, keep every position.
 TEST_F(Linear, ArraySumsKeepEveryPositionAcrossBlocks) {
   const TavInt count = 5000;  // two blocks of the coefficients, many of the variables
-  TavNumVarArray xs(env, count, 0.0, 1.0);
-  TavIntVarArray is(env, count, 0, 1);
+  TavNumVarArray xs(env);  // grown one at a time: small blocks
+  TavIntVarArray is(env);
   TavNumArray cs(env, count);
   TavIntArray ks(env, count);
-  for (TavInt k = 0; k < count; ++k) cs[k] = 0.5 + (double)k, ks[k] = k - 7;
+  for (TavInt k = 0; k < count; ++k)
+    cs[k] = 0.5 + (double)k, ks[k] = k - 7, xs.add(TavNumVar(env, 0.0, 1.0)), is.add(TavIntVar(env, 0, 1));
   ASSERT_NE(cs.getImpl()->getBlockShift(), xs.getImpl()->getBlockShift());
   typedef std::function<std::pair<TavNumVarI*, double>(TavInt)> Want;
   const Want numCoef = [&](TavInt k) { return std::pair<TavNumVarI*, double>(xs.getElement(k), cs[k]); };
