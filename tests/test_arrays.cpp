@@ -91,6 +91,27 @@ TEST(VarArrays, BulkConstructorsApplyTheirBoundRule) {
   env.end();
 }
 
+// A random read of element i goes through the block table: an array made
+// with a size must get the blocks of that size, not the smallest ones an
+// array grown one element at a time starts with.
+TEST(VarArrays, ArraysMadeWithASizeGetBlocksOfThatSize) {
+  TavEnv env;
+  const TavInt n = 5000;
+  const TavInt shift = TavNumArray(env, n).getImpl()->getBlockShift();
+  TavNumArray lbs(env, n), ubs(env, n);
+  const std::vector<std::pair<const char*, std::function<TavArrayI*()>>> makers = {
+      {"n floats", [&] { return TavNumVarArray(env, n, 0.0, 1.0).getImpl(); }},
+      {"lbs, ubs", [&] { return TavNumVarArray(env, lbs, ubs).getImpl(); }},
+      {"n integers", [&] { return TavIntVarArray(env, n, 0, 1).getImpl(); }},
+  };
+  for (const auto& m : makers) {
+    SCOPED_TRACE(m.first);
+    EXPECT_EQ(m.second()->getBlockShift(), shift);
+  }
+  EXPECT_GT(shift, TavNumVarArray(env).getImpl()->getBlockShift());
+  env.end();
+}
+
 TEST(VarArrays, ColumnConstructorsLeaveEmptyColumnsNull) {
   TavEnv env;
   const double inf = TavGetInfinity();
