@@ -127,6 +127,24 @@ TEST(Constraints, ConstantConstraintsHoldTheirTruthInEverySyntax) {
   }
 }
 
+// A solution finds a constraint's value by the constraint itself: one of
+// another environment with the same identifier has none.
+TEST(Constraints, SolutionValuesBelongToTheirConstraint) {
+  TavEnv env, other;
+  TavConstraint ct(new (env.getImpl()) TavConstConstraintI(env.getImpl(), "c", 1));
+  TavConstraint twin;
+  do twin = TavConstraint(new (other.getImpl()) TavConstConstraintI(other.getImpl(), nullptr, 1));
+  while (twin.getImpl()->getId() < ct.getImpl()->getId());
+  ASSERT_EQ(twin.getImpl()->getId(), ct.getImpl()->getId());
+  TavSolution sol(env);
+  sol.setValue(ct, 0.0);
+  EXPECT_EQ(sol.getImpl()->getValue(ct.getImpl()), 0.0);
+  EXPECT_EQ(messageOf<TavAlgorithm::Exception>([&] { sol.getImpl()->getValue(twin.getImpl()); }),
+            "TavSolution: the constraint has no value");
+  other.end();
+  env.end();
+}
+
 // Kept on purpose: the clone is made, unnamed, in the constraint's own
 // environment, whatever the target.
 TEST(Constraints, ConstantConstraintCloneIsUnnamedAndStaysHome) {

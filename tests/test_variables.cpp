@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <new>
 #include <sstream>
 #include <string>
 #include <typeinfo>
@@ -74,6 +75,31 @@ struct SpyVarI : TavNumVarI {
   int calls = 0;
 };
 
+/// Runs build with the k-th allocation failing, k = 1, 2, ..., until it
+/// returns; each failure must leave the live objects, what same() checks and
+/// (unless the call may add a shared domain to the environment's cache) the
+/// live bytes as they were. Returns the number of failures.
+int failUntilDone(TavEnvI* env, const std::function<void()>& build, bool sameBytes = true,
+                  const std::function<bool()>& same = [] { return true; }) {
+  const TavInt objects = env->getLiveObjectCount();
+  const std::size_t bytes = env->getMemory().getLiveBytes();
+  for (int k = 1;; ++k) {
+    env->getMemory().failAfter(k);
+    try {
+      build();
+      env->getMemory().failAfter(0);
+      return k - 1;
+    } catch (const std::bad_alloc&) {
+      env->getMemory().failAfter(0);
+      EXPECT_EQ(env->getLiveObjectCount(), objects) << "failing allocation " << k;
+      if (sameBytes) {
+        EXPECT_EQ(env->getMemory().getLiveBytes(), bytes) << "failing allocation " << k;
+      }
+      EXPECT_TRUE(same()) << "failing allocation " << k;
+    }
+  }
+}
+
 class Vars : public ::testing::Test {
  protected:
   void TearDown() override { env.end(); }
@@ -99,6 +125,7 @@ TEST_F(Vars, BoundRulesAByBoundsAndBByType) {
       {(int)B, 1.5, 1.5, 1, 1, 1, 1, 1},
       {(int)B, 2.5, 0, 1, 0, 1, 0, 1},
       {(int)B, 0.99, -0.5, 0, 0, 0, 0, 1},
+      {(int)B, 0, -3, 0, 0, 0, 0, 1},
       {7, 0.5, 0.5, 0, 1, 0, 0, 1},  // any other kind takes the Boolean path
   };
   TavNumColumn column(env);
@@ -216,6 +243,9 @@ TEST_F(Vars, FailureMessages) {
       {"int from float", [&] { TavIntVar v(fl); }, typeid(TavBadConversion), nullptr},
       {"bool from num [0, 2]", [&] { TavBoolVar b(in); }, typeid(TavBadConversion), nullptr},
       {"bool from int [0, 2]", [&] { TavBoolVar b(i02); }, typeid(TavBadConversion), nullptr},
+      {"int from empty", [] { TavIntVar v{TavNumVar()}; }, typeid(TavEmptyHandleException), nullptr},
+      {"bool from empty num", [] { TavBoolVar b{TavNumVar()}; }, typeid(TavEmptyHandleException), nullptr},
+      {"bool from empty int", [] { TavBoolVar b{TavIntVar()}; }, typeid(TavEmptyHandleException), nullptr},
   };
   for (auto& r : rows) {
     SCOPED_TRACE(r.name);
@@ -311,10 +341,16 @@ TEST_F(Vars, MakeDomainAndPossibleValues) {
   EXPECT_EQ(i.getLB(), 1.0);
   EXPECT_EQ(i.getUB(), 3.0);
   TavNumVarI* b = withDomain(new (ei()) TavBoolVarDomainI(0, 0));
-  b->makeDomain(0.5, 0.5);  // rule A
-  EXPECT_EQ(b->getType(), TavNumVar::Bool);
-  EXPECT_EQ(b->getLB(), 0.0);
-  EXPECT_EQ(b->getUB(), 1.0);
+  // A Boolean domain takes its bounds by rule A.
+  const struct {
+    double lb, ub, wantLb, wantUb;
+  } boolRows[] = {{0.5, 0.5, 0, 1}, {-1, -1, 0, 0}, {2, 0, 1, 0}, {1, 2, 1, 1}};
+  for (auto& r : boolRows) {
+    b->makeDomain(r.lb, r.ub);
+    EXPECT_EQ(b->getType(), TavNumVar::Bool);
+    EXPECT_EQ(b->getLB(), r.wantLb) << r.lb << " " << r.ub;
+    EXPECT_EQ(b->getUB(), r.wantUb) << r.lb << " " << r.ub;
+  }
   EXPECT_TRUE(rec.seen.empty());
 
   struct Row {
@@ -531,6 +567,8 @@ TEST_F(Vars, IntegerAndBooleanHandles) {
       {"int [1, 1]", intVar(1, 1), false, true},
       {"int [0, 2]", intVar(0, 2), false, false},
       {"int [-1, 0]", intVar(-1, 0), false, false},
+      {"int [2, 2]", intVar(2, 2), false, false},
+      {"int [0, -1]", intVar(0, -1), false, false},
       {"int over float [0, 0.5]", floatVar(0.0, 0.5), false, true},
       {"int over float [0.5, 1]", floatVar(0.5, 1.0), false, true},
       {"int over float [0, 1.5]", floatVar(0.0, 1.5), false, false},
@@ -544,6 +582,142 @@ TEST_F(Vars, IntegerAndBooleanHandles) {
     if (r.ok) EXPECT_NO_THROW(convert());
     else EXPECT_THROW(convert(), TavBadConversion);
   }
+}
+
+// Every way of making a variable, with each of its allocations failing in
+// turn: nothing is left behind (no object, no byte, no column entry), and the
+// variable finally made prints its name and domain.
+TEST_F(Vars, FailedConstructionsLeaveNothingBehind) {
+  TavNumColumn column(env);
+  TavNumArray nums(env, {2.5, 1.5});
+  TavIntArray ints(env, {3, 1});
+  TavNumRange numRange(env, 2.5, 3.5);
+  TavIntRange intRange(env, 13, 14);
+  using V = TavNumVar;
+  struct Row {
+    const char* text;
+    bool sameBytes;  // false: a new shared domain may stay in the cache
+    std::function<TavNumVarI*()> build;
+  };
+  std::vector<Row> rows = {
+      {"a[3.5 .. 7.25] ", false, [&] { return V(env, 3.5, 7.25, V::Float, "a").getImpl(); }},
+      {"b[2 .. 10] ", false, [&] { return V(column, 1.5, 9.5, V::Int, "b").getImpl(); }},
+      {"c{2.5, 1.5} ", true, [&] { return V(column, nums, V::Float, "c").getImpl(); }},
+      {"d[2.5 .. 3.5] ", false, [&] { return V(numRange, "d").getImpl(); }},
+      {"e{2.5, 1.5} ", true, [&] { return V(env, nums, V::Float, "e").getImpl(); }},
+      {"f[0 .. 9007199254740991] ", false, [&] { return TavIntVar(env, "f").getImpl(); }},
+      {"g[11 .. 12] ", false, [&] { return TavIntVar(env, 11, 12, "g").getImpl(); }},
+      {"h[13 .. 14] ", false, [&] { return TavIntVar(intRange, "h").getImpl(); }},
+      {"i{3, 1} ", true, [&] { return TavIntVar(env, ints, "i").getImpl(); }},
+      {"j[15 .. 16] ", false, [&] { return TavIntVar(column, 15, 16, "j").getImpl(); }},
+      {"k{3, 1} ", true, [&] { return TavIntVar(column, ints, "k").getImpl(); }},
+      {"l[0 .. 1] ", false, [&] { return TavBoolVar(env, "l").getImpl(); }},
+      {"m[0 .. 5] ", false, [&] { return TavBoolVar(env, 0, 5, "m").getImpl(); }},
+      {"n[0 .. 1] ", true, [&] { return TavBoolVar(column, "n").getImpl(); }},
+      {"o{3, 1} ", true, [&] { return new (ei()) TavNumVarI(ei(), TavAnyArray(ints.getImpl()), "o"); }},
+      {"p{3, 1} ", true, [&] { return new (ei()) TavNumVarI(ei(), ints, V::Float, "p"); }},
+  };
+  for (auto& r : rows) {
+    SCOPED_TRACE(r.text);
+    const TavInt installed = column.getSize();
+    TavNumVarI* built = nullptr;
+    EXPECT_GT(failUntilDone(ei(), [&] { built = r.build(); }, r.sameBytes,
+                            [&] { return column.getSize() == installed; }),
+              0);
+    ASSERT_NE(built, nullptr);
+    EXPECT_EQ(showNode(built), r.text);
+  }
+  EXPECT_EQ(column.getSize(), 5);
+  TavNumColumn another;
+  EXPECT_GT(failUntilDone(ei(), [&] { another = TavNumColumn(env); }), 0);
+  TavNumVar installed(another, 0.0, 1.0, TavNumVar::Float);
+  EXPECT_EQ(another[0].getImpl(), installed.getImpl());
+  another.end();
+
+  // Values given to a variable without a domain, and a bare variable ended.
+  TavNumVarI* bare = new (ei()) TavNumVarI(ei());
+  EXPECT_GT(failUntilDone(ei(), [&] { bare->setPossibleValues(nums); }, true,
+                          [&] { return !bare->isEnumerated() && bare->getUB() == TavGetInfinity(); }),
+            0);
+  EXPECT_EQ(valuesOf(bare->getNumValues()), (std::vector<double>{2.5, 1.5}));
+  const TavInt live = ei()->getLiveObjectCount();
+  const std::size_t bytes = ei()->getMemory().getLiveBytes();
+  TavNumVar(new (ei()) TavNumVarI(ei(), "gone")).end();
+  EXPECT_EQ(ei()->getLiveObjectCount(), live);
+  EXPECT_EQ(ei()->getMemory().getLiveBytes(), bytes);
+  EXPECT_FALSE(TavNumVar(env, 0.0, 1.0).getImpl()->isEnumerated());
+  column.end();
+}
+
+// A clone copies the name and a private domain (an interval or a list of
+// values) into the target; a failure there leaves the target as it was.
+TEST_F(Vars, FailedClonesLeaveTheTargetAsItWas) {
+  TavEnv other;
+  TavEnvI* target = other.getImpl();
+  TavNumVarI* sources[] = {
+      new (ei()) TavNumVarI(ei(), "bare"),
+      TavNumVar(env, TavNumArray(env, {2.5, 1.5}), TavNumVar::Float, "nums").getImpl(),
+      TavIntVar(env, TavIntArray(env, {3, 1}), "ints").getImpl(),
+      new (ei()) TavNumVarI(ei(), TavAnyArray(TavIntArray(env, {4, 5}).getImpl()), "any"),
+      withDomain(new (ei()) TavBoolVarDomainI(0, 1), "bool"),
+      TavIntVar(env, 1, 4, "interval").getImpl(),
+  };
+  for (TavNumVarI* v : sources) {
+    SCOPED_TRACE(showNode(v));
+    TavExtractableI* clone = nullptr;
+    EXPECT_GT(failUntilDone(target, [&] { clone = v->makeClone(target); }), 0);
+    ASSERT_NE(clone, nullptr);
+    EXPECT_EQ(showNode(clone), showNode(v));
+    EXPECT_EQ(clone->getEnv(), target);
+  }
+  other.end();
+}
+
+// A solution finds a value by the variable itself: a variable of another
+// environment with the same identifier has none. A long sum reads its values
+// through a prefetching loop and, when one is missing wherever it stands,
+// falls back on its terms one by one (the model evaluator may then supply it).
+TEST_F(Vars, SolutionValuesBelongToTheirVariable) {
+  TavNumVarArray xs(env, 20, 0.0, 100.0);
+  TavNumExpr sum(env, 0.5);
+  double full = 0.5;
+  for (TavInt i = 0; i < xs.getSize(); ++i) {
+    sum += (i + 1.0) * xs[i];
+    full += (i + 1.0) * i;
+  }
+  auto failure = [](const std::function<void()>& f) -> std::string {
+    try {
+      f();
+    } catch (const TavAlgorithm::Exception& e) {
+      return e.what();
+    }
+    return "none";
+  };
+  TavModelEvaluator* ev = ei()->getModelEvaluator();
+  for (TavInt missing : {-1, 0, 1, 10, 18, 19}) {
+    SCOPED_TRACE(missing);
+    TavSolution sol(env);
+    for (TavInt i = 0; i < xs.getSize(); ++i)
+      if (i != missing) sol.setValue(xs[i], (double)i);
+    if (missing < 0) {
+      EXPECT_EQ(sol.getValue(sum), full);
+      continue;
+    }
+    EXPECT_EQ(failure([&] { sol.getValue(sum); }), "TavSolution: the variable has no value");
+    ev->setActive(true);
+    ev->setValue(xs[missing], 1000);
+    EXPECT_EQ(sol.getValue(sum), full + (missing + 1.0) * (1000 - missing));
+    ev->setActive(false);
+  }
+  TavEnv other;
+  TavNumVar y(other, 0.0, 1.0);
+  while (y.getId() < xs[3].getId()) y = TavNumVar(other, 0.0, 1.0);
+  ASSERT_EQ(y.getId(), xs[3].getId());
+  TavSolution sol(env);
+  sol.setValue(xs[3], 2.0);
+  EXPECT_EQ(sol.getValue(xs[3]), 2.0);
+  EXPECT_EQ(failure([&] { sol.getValue(y); }), "TavSolution: the variable has no value");
+  other.end();
 }
 
 }  // namespace
