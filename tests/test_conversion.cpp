@@ -424,7 +424,6 @@ TEST_F(TupleSubMap, TypeIdentityHooksAndCount) {
   for (TavTypeInfo t : {TavTupleSubMapExprI::GetTypeInfo(), TavAnyExprI::GetTypeInfo(), TavExtractableI::GetTypeInfo()})
     EXPECT_TRUE(m->isType(t));
   EXPECT_FALSE(m->isType(TavNumExprI::GetTypeInfo()));
-  EXPECT_EQ(m->getName(), nullptr);
   EXPECT_EQ(m->getRefCount(), 0);
 
   // Each class its own hooks: the base's do not stand in for the sub-map's.

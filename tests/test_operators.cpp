@@ -122,27 +122,14 @@ TEST(Operators, SumTableOverOperandKinds) {
   }
 }
 
-// Sums of variables, linear operands and numbers are the fuzzer's (it
-// compares terms and constant); it seldom meets a term handle as an operand
-// (a sign error in term - term passes it), so those rows stay, with the ones
-// that change kind, add a temporary to itself, or hold parts.
+// Sums, differences and negations of variables, term handles, linear
+// operands and numbers are the fuzzer's (it compares values, both texts and
+// integrality); here the ones that hold parts or add a temporary to itself,
+// and one overload it does not reach.
 TEST(Operators, TermsNumbersDifferencesAndNegation) {
   checkRows({
-      {"term + variable", [](Model& m) { return 2 * m.x + m.y; }, "TavNumLinTermI{x:2 y:1||0}"},
-      {"variable + term", [](Model& m) { return m.x + 3 * m.y; }, "TavNumLinTermI{x:1 y:3||0}"},
-      {"term + term", [](Model& m) { return 2 * m.x + 3.5 * m.y; }, "TavNumLinTermI{x:2 y:3.5||0}"},
-      {"term + integer term", [](Model& m) { return 2 * m.x + 2 * m.i; }, "TavNumLinTermI{x:2 i:2||0}"},
-      {"integer term + term", [](Model& m) { return 2 * m.i + 3 * m.y; }, "TavNumLinTermI{i:2 y:3||0}"},
-      {"integer term + expression", [](Model& m) { return 2 * m.i + (3 * m.y + 2.0); },
-       "TavNumLinTermI{i:2 y:3||2}"},
-      {"expression + integer term", [](Model& m) { return (2 * m.x + 1.0) + 3 * m.j; },
-       "TavNumLinTermI{x:2 j:3||1}"},
       {"node + term", [](Model& m) { return m.P() + 2 * m.x; }, "TavNumLinTermI{x:2|P|0}"},
       {"term + node", [](Model& m) { return 2 * m.x + m.P(); }, "TavNumLinTermI{x:2|P|0}"},
-      {"term + number", [](Model& m) { return 2 * m.x + 1.5; }, "TavNumLinTermI{x:2||1.5}"},
-      {"number + term", [](Model& m) { return 1.5 + 2 * m.x; }, "TavNumLinTermI{x:2||1.5}"},
-      {"integer linear + fraction", [](Model& m) { return TavIntExprArg(2 * m.i + 1) + 2.5; },
-       "TavNumLinTermI{i:2||3.5}"},
       {"integer term + fraction", [](Model& m) { return 2 * m.i + 0.5; }, "TavNumLinTermI{i:2||0.5}"},
       {"node + number", [](Model& m) { return m.P() + 1.5; }, "TavNumLinTermI{|P|1.5}"},
       {"number + node", [](Model& m) { return 1.5 + m.P(); }, "TavNumLinTermI{|P|1.5}"},
@@ -161,17 +148,9 @@ TEST(Operators, TermsNumbersDifferencesAndNegation) {
          return t + t;
        },
        "TavNumLinTermI{i:2 i:2||2}"},
-      {"variable - term", [](Model& m) { return m.x - 2 * m.y; }, "TavNumLinTermI{x:1 y:-2||0}"},
-      {"term - term", [](Model& m) { return 2 * m.x - 3 * m.y; }, "TavNumLinTermI{x:2 y:-3||0}"},
-      {"number - linear", [](Model& m) { return 2.0 - (3 * m.y + 2.0); }, "TavNumLinTermI{y:-3||0}"},
       {"linear - node", [](Model& m) { return (2 * m.x + 1.0) - m.P(); },
        "TavNumLinTermI{x:2|TavNumTimesCstI|1}"},
-      {"-term", [](Model& m) { return TavNumExprArg(-(2 * m.x)); }, "TavNumLinTermI{x:-2||0}"},
       {"-node", [](Model& m) { return -m.P(); }, "TavNumTimesCstI(P,-1)"},
-      {"-(x - y) twice negated", [](Model& m) { return -(-(m.x - m.y)); }, "TavNumLinTermI{x:1 y:-1||0}"},
-      {"int term + term", [](Model& m) { return 2 * m.i + 3 * m.j; }, "TavIntLinTermI{i:2 j:3||0}"},
-      {"integer - int term", [](Model& m) { return 5 - 2 * m.i; }, "TavIntLinTermI{i:-2||5}"},
-      {"-int linear", [](Model& m) { return -TavIntExprArg(2 * m.i + 1); }, "TavIntLinTermI{i:-2||-1}"},
       {"int node + int variable", [](Model& m) { return m.N() + m.i; }, "TavIntLinTermI{i:1|N|0}"},
       {"int node + int node", [](Model& m) { return m.N() + m.N(); }, "TavIntLinTermI{|N N|0}"},
   });

@@ -127,12 +127,9 @@ TEST(TypeIdentity, IsTypeWalksTheBaseChainOnly) {
   EXPECT_EQ(TavNumExprI::GetBaseTypeInfo(), TavExtractableI::GetTypeInfo());
   EXPECT_EQ(TavIntExprI::GetBaseTypeInfo(), TavNumExprI::GetTypeInfo());
   EXPECT_EQ(p->getExtractableSize(), (TavInt)sizeof(ProbeNode<1>));
-
   EXPECT_STREQ(x.getImpl()->getRttiTypeName(), "TavNumVarI");
-  EXPECT_STREQ(lin.getImpl()->getRttiTypeName(), "TavNumLinTermI");
   EXPECT_STREQ(TavNumExprI::GetRttiTypeName(), "TavNumExprI");
   EXPECT_STREQ(TavIntExprI::GetRttiTypeName(), "TavIntExprI");
-  EXPECT_STREQ(TavIntLinTermI::GetRttiTypeName(), "TavIntLinTermI");
   p->end();
   lin.end();
   env.end();
@@ -362,21 +359,6 @@ TEST(RefCounting, ReleaseIsIgnoredWhileTheEnvironmentEnds) {
   EXPECT_TRUE(ReleasingAlg::seenEnding);
   EXPECT_EQ(ReleasingAlg::countAfter, 1);
   EXPECT_EQ(g_destroyed, 0);
-}
-
-// Chains of library nodes are the fuzzer's deep programs and the depth tests'.
-TEST(RefCounting, MillionDeepChainsAreFreedWithoutRecursion) {
-  const int depth = 1000000;
-  TavEnv env;
-  const TavInt live0 = env.getImpl()->getLiveObjectCount();
-  g_destroyed = 0;
-  TavNumExprI* cur = probe<1>(env, 1.0);
-  for (int i = 1; i < depth; ++i) cur = probe<1>(env, 1.0, cur);
-  TavNumExpr top(TavNumExprArg{cur});
-  top.end();
-  EXPECT_EQ(g_destroyed, depth);
-  EXPECT_EQ(env.getImpl()->getLiveObjectCount(), live0);
-  env.end();
 }
 
 TEST(Cloning, CloneIntoCopiesChildrenFirstAndRecordsPairsInBothEnvironments) {
