@@ -23,8 +23,6 @@ double TavVurRound(double x) { return std::floor(x + 0.5); }
 TavException::TavException(const char* message, long code)
     : _message(message ? message : ""), _hasMessage(message != nullptr), _code(code) {}
 
-void TavThrowEmpty() { throw TavEmptyHandleException(); }
-
 void TavException::print(std::ostream& os) const { os << what(); }
 
 const char* TavException::what() const noexcept { return _hasMessage ? _message.c_str() : defaultText(); }

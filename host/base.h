@@ -96,15 +96,11 @@ TAV_EXCEPTION_CLASS(TavBadConversion, TavException)
 /// An array unfit for its use: empty, with an empty element, or indexed out of range.
 TAV_EXCEPTION_CLASS(TavArrayError, TavException)
 
-/// Throws TavEmptyHandleException; out of line, so that the checks in front
-/// of every operation stay small enough to be inlined.
-[[noreturn]] void TavThrowEmpty();
-
 /// The pointer behind a handle, or TavEmptyHandleException when it is null:
 /// the one empty-handle check of every layer.
 template <class P>
 P* TavNeed(P* p) {
-  if (TAV_UNLIKELY(p == nullptr)) TavThrowEmpty();
+  if (TAV_UNLIKELY(p == nullptr)) throw TavEmptyHandleException();
   return p;
 }
 
