@@ -24,11 +24,11 @@ constexpr bool IntOperand_Int = true;
 
 }  // namespace
 
-#define TAV_FUZZ_REFERENCE_ROW(Name, Shape, Operand, Result, Integer, Value)            \
+#define TAV_FUZZ_REFERENCE_ROW(Name, Shape, Operand, Result, Integer, Value, Plain, Library) \
   {#Name, Shape, IntOperand_##Operand, Result, Integer, [](double a, double b) -> double { \
      (void)b;                                                                           \
      return Value;                                                                      \
-   }},
+   }, {Plain, Library}},
 const Function Functions[] = {TAV_FUZZ_FUNCTIONS(TAV_FUZZ_REFERENCE_ROW)};
 #undef TAV_FUZZ_REFERENCE_ROW
 const int FunctionCount = (int)(sizeof Functions / sizeof Functions[0]);

@@ -5,6 +5,7 @@
 #ifndef TAV_TESTS_FUZZ_H
 #define TAV_TESTS_FUZZ_H
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -23,7 +24,7 @@ struct Options {
   bool deep = true;            ///< chains deep enough to overflow a recursive destructor
   bool varMods = true;         ///< bounds, possible values, thresholds and conversions of variables
   bool removal = true;         ///< a variable removed from every expression, in either removal mode
-  bool display = true;         ///< linear nodes printed in both syntaxes against a reference printer
+  bool display = true;         ///< every node printed in both syntaxes against a reference printer
   /// Reads "--no-aliasing" and the like; false for an unknown flag.
   bool parse(const char* arg);
 };
@@ -70,6 +71,12 @@ enum Shape : std::uint8_t { FUnary, FBinary, FExprCst, FCstExpr };
 enum Integrality : std::uint8_t { Never, FromOperands, Always };
 /// Thrown by a reference function where the library refuses to evaluate.
 struct Refused {};
+/// How a node displays in the plain and the library syntax: %0, %1, ...
+/// stand for its operands' displays or numbers, in the order given.
+struct Form {
+  const char* plain;
+  const char* library;
+};
 
 /// One builder of the table in functions.h.
 struct Function {
@@ -80,6 +87,7 @@ struct Function {
   Integrality integer;  ///< of the node it makes
   /// The value from the operands' values, in call order; may throw Refused.
   double (*value)(double a, double b);
+  Form form;
 };
 extern const Function Functions[];
 extern const int FunctionCount;
@@ -132,7 +140,7 @@ struct Program {
   std::vector<double> values;
   int listenAt = 0;             ///< a change listener is attached before this statement
   bool removeFromAll = false;   ///< the environment ends every object through removal from all
-  bool display = true;          ///< linear nodes are printed and compared
+  bool display = true;          ///< every node is printed in both syntaxes and compared
   std::vector<Stmt> stmts;
   std::string print() const;
   std::string varName(int v) const;
@@ -205,9 +213,15 @@ struct Ref {
   /// inner holds the operand, factor the constant.
   std::vector<Ref> inner;
   double factor = 0;
+  /// The display of an opaque node, plain then library syntax, with a mark
+  /// for each variable operand (its display changes with its bounds); null
+  /// when the reference cannot say.
+  std::shared_ptr<const std::array<std::string, 2>> shown;
   bool linear() const { return kind == RNumLin || kind == RIntLin; }
   bool exact() const { return !approx && !unknown; }
 };
+
+struct DisplayArg;
 
 /// The reference state of a program: one entry per handle ever declared
 /// (null once ended); handles declared as sharing a node share the entry.
@@ -227,11 +241,21 @@ class Model {
   std::vector<VarState> vars;
   std::vector<std::vector<int>> conversions;  ///< variables of each conversion, in array order
   std::vector<Record> records;                ///< sent by the statements applied, in order
+  bool texts;                                 ///< whether show() keeps displays (not while generating)
   /// Whether a removal of var may run: every live handle on a linear node
   /// without parts (the only nodes that give a removed variable up), and
   /// with one-by-one removal at most one term of var per node (only the
   /// first goes).
   bool removable(int var, bool oneByOne) const;
+  /// The text of the value's node in the plain or the library syntax, with
+  /// ZeroMark for a zero constant of either sign; empty when the reference
+  /// cannot say.
+  std::string display(const Ref& r, bool librarySyntax) const;
+  /// Appends r's display with a mark for each variable operand; false when
+  /// the reference cannot say.
+  bool text(const Ref& r, bool librarySyntax, std::string& out) const;
+  /// Sets r.shown: the form over args (operands, arrays of them, numbers).
+  void show(Ref& r, const Form& form, const std::vector<DisplayArg>& args) const;
 
  private:
   Ref binary(Op op, bool isInt, const Ref& a, const Ref& b) const;
@@ -239,6 +263,7 @@ class Model {
   /// The element, count, deviation, piecewise and conditional nodes.
   Ref special(const Node& n, const std::vector<Ref>& k) const;
   Ref& own(int slot);
+  std::string varDisplay(int v) const;
   /// Applies a statement on variables or conversions; false for the others.
   bool variableStatement(const Stmt& s);
   const Program& _p;
@@ -254,9 +279,13 @@ bool assignable(Kind h, char op, Kind x);
 Kind callKind(int fn, Kind a, Kind b);
 
 Program generate(Source& src, const Options& opts);
-/// The text of a linear node without parts in the plain or the library
-/// syntax, from its cells and constant; empty when the reference cannot say.
-std::string displayLinear(const Program& p, const Ref& r, bool librarySyntax);
+/// In an expected display: a zero that the library may write as 0 or -0, a
+/// linear node's constant or a factor taken from one (the reference adds
+/// constants where the library appends a term, which has none, and so may
+/// turn a -0 into 0).
+constexpr char ZeroMark = '\x02';
+/// Whether a display matches the expected one.
+bool sameDisplay(const std::string& got, const std::string& want);
 
 /// Runs the program; empty when the library agreed with the reference.
 std::string run(const Program& p);

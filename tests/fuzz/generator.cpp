@@ -293,7 +293,7 @@ struct Gen {
     n.array = (ArrayKind)(wantInt ? AIntExpr + 2 * pick(2) : pick(4));
     const bool intArray = n.array == AIntExpr || n.array == AIntVar;
     const bool vars = n.array == ANumVar || n.array == AIntVar;
-    const int size = pick(4);
+    const int size = vars && pick(16) == 0 ? 11 : pick(4);  // now and then long enough for a line break
     for (int i = 0; i < size * (n.op == OScalProd && !vars ? 2 : 1); ++i) {
       Node e = vars ? var(intArray) : expr(depth - 1, intArray);
       if (isNumber(e.kind)) e = var(intArray);
@@ -445,6 +445,7 @@ struct Gen {
   /// A model whose entries are copies, for trying a statement out.
   Model copyModel() const {
     Model c(p);
+    c.texts = false;
     for (const auto& r : m.slots) c.slots.push_back(r ? std::make_shared<Ref>(*r) : nullptr);
     for (std::size_t i = 0; i < m.slots.size(); ++i)  // keep the sharing, which decides copying
       for (std::size_t j = 0; j < i; ++j)
@@ -529,6 +530,7 @@ Program generate(Source& src, const Options& opts) {
   for (int i = 0; i < p.intVars; ++i) p.values.push_back((int)src.below(13) - 6);
   for (int i = 0; i < p.boolVars; ++i) p.values.push_back(src.below(2));
   Gen g{src, opts, p, Model(p)};
+  g.m.texts = false;  // generation does not print
   const int n = 3 + (int)src.below(18);
   p.listenAt = (int)src.below((std::uint32_t)n);
   p.removeFromAll = opts.removal && src.below(4) == 0;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <sstream>
 
@@ -125,7 +126,184 @@ void probe(Ref& r, const std::vector<const Ref*>& operands, const std::vector<do
 
 }  // namespace
 
-Model::Model(const Program& p) : _p(p) {
+// ------------------------------------------------------------- display
+
+/// An operand of a display form: a node, the nodes of an array (printed in
+/// brackets), or a fixed text (a number, an array of numbers).
+struct DisplayArg {
+  std::vector<const Ref*> nodes;
+  bool array = false;
+  std::string fixed;
+};
+
+namespace {
+/// In a text: a variable operand, whose display is its current state's; the
+/// next byte is its index.
+constexpr char VarMark = '\x01';
+
+/// As the stream writes a double (or a 64-bit integer) by default.
+std::string num(double v, bool integer) {
+  char s[32];
+  if (integer) std::snprintf(s, sizeof s, "%lld", (long long)v);
+  else std::snprintf(s, sizeof s, "%g", v);
+  return s;
+}
+DisplayArg of(const Ref& r) { return {{&r}, false, ""}; }
+DisplayArg fixed(std::string text) { return {{}, false, std::move(text)}; }
+DisplayArg elements(const std::vector<Ref>& k, std::size_t from) {
+  DisplayArg a{{}, true, ""};
+  for (std::size_t i = from; i < k.size(); ++i) a.nodes.push_back(&k[i]);
+  return a;
+}
+/// What arrays print before their i-th item: ", ", and ",\n" after every tenth.
+const char* separator(std::size_t i) { return i == 0 ? "" : i % 10 ? ", " : ",\n"; }
+DisplayArg numbers(const std::vector<double>& v, bool integer) {
+  std::string s = "[";
+  for (std::size_t i = 0; i < v.size(); ++i) s += separator(i) + num(v[i], integer);
+  return fixed(s + "]");
+}
+
+// The displays of the operator and aggregate nodes; the builders' are in
+// functions.h.
+enum FormId {
+  FTimes, FNumDivCst, FQuotient, FModulo, FModuloCst, FRecModuloCst, FNumMinCst, FNumMaxCst, FIntMinCst,
+  FIntMaxCst, FMin, FMax, FNumMinArray, FIntMinArray, FMaxArray, FCount, FStdDev, FPiecewise, FElement
+};
+const Form Forms[] = {
+    {"%0 * %1", "( %0* %1) "},      // every product, by a constant or not
+    {"%0/ %1", "( %0/ %1) "},       // a numeric expression by a constant
+    {"%0 / %1", "( %0/ %1) "},      // every other quotient
+    {"%0 % %1", "( %0% %1) "},
+    {"%0% %1", "( %0% %1) "},       // by a constant
+    {"%0 % %1", "(%0% %1)"},        // of a constant
+    {"min( %0, %1)", "TavMin( %0, %1) "},
+    {"max(%0, %1)", "TavMax( %0, %1) "},
+    {"min(%0, %1)", "( %0, %1) "},  // the integer ones with a constant have no name
+    {"max(%0, %1)", "( %0, %1) "},
+    {"min(%0, %1)", "TavMin( %0, %1) "},
+    {"max(%0, %1)", "TavMax( %0, %1) "},
+    {"min( %0)", "TavMin( %0) "},
+    {"min(%0)", "TavMin( %0) "},
+    {"max(%0)", "TavMax( %0) "},
+    {"count(%0, %1)", "TavCount( %0, %1) "},
+    {"stddev(%0)", "TavStandardDeviation( %0) "},
+    {"piecewiselinear(%0, %1, %2, %3, %4)", "piecewiselinear(%0, %1, %2, %3, %4)"},
+    // element, by ArrayKind: the short form leaves the array out
+    {"num-exprs[%0]", "TavNumExprArrayIndex(%0, %1) "},
+    {"int-exprs[%0]", "TavIntExprArrayIndex(%0, %1) "},
+    {"num-exprs[%0]", "TavNumExprArrayIndex(%0, %1) "},
+    {"int-exprs[%0]", "TavIntExprArrayIndex(%0, %1) "},
+    {"nums[%0]", "TavNumArrayIndex(%0, %1) "},
+    {"ints[%0]", "TavIntArrayIndex(%0, %1) "},
+};
+}  // namespace
+
+bool Model::text(const Ref& r, bool lib, std::string& out) const {
+  if (r.var) {
+    out += VarMark;
+    out += (char)r.cells[0].var;
+    return true;
+  }
+  if (!r.linear()) {
+    if (r.shown) out += (*r.shown)[lib];
+    return r.shown != nullptr;
+  }
+  if (r.unknown) return false;
+  auto term = [&](const Cell& c) {
+    if (c.coef != 1.0) out += num(c.coef, false) + " * ";
+    out += _p.varName(c.var) + " ";  // a named variable: its name and a blank
+  };
+  auto constant = [&] {
+    if (r.kind == RIntLin) out += num(r.cst, true);
+    else if (r.cst == 0.0) out += ZeroMark;
+    else out += num(r.cst, false);
+    out += " ";
+  };
+  bool wrote = false;  // plain: whether the last term wrote something
+  if (lib) out += "( ";
+  for (std::size_t i = 0; i < r.cells.size(); ++i) {
+    if (lib ? i > 0 : wrote) out += " + ";
+    wrote = r.cells[i].coef != 0.0;
+    if (wrote) term(r.cells[i]);
+    else if (lib) out += "0 ";
+  }
+  for (std::size_t i = 0; i < r.parts.size(); ++i) {
+    if (i > 0 || (lib ? !r.cells.empty() : wrote)) out += " + ";
+    if (!text(r.parts[i], lib, out)) return false;
+    wrote = true;
+  }
+  if (r.cst != 0.0) {
+    if (lib ? !r.cells.empty() || !r.parts.empty() : wrote) out += " + ";
+    constant();
+  } else if (!lib && !wrote) {
+    constant();
+  }
+  if (lib) out += ") ";
+  return true;
+}
+
+void Model::show(Ref& r, const Form& form, const std::vector<DisplayArg>& args) const {
+  if (!texts) return;
+  std::array<std::string, 2> out;
+  for (bool lib : {false, true}) {
+    std::string& t = out[lib];
+    for (const char* c = lib ? form.library : form.plain; *c; ++c) {
+      if (*c != '%' || c[1] < '0' || c[1] > '9') {
+        t += *c;
+        continue;
+      }
+      const DisplayArg& a = args[(std::size_t)(*++c - '0')];
+      t += a.array ? "[" : a.fixed;
+      for (std::size_t i = 0; i < a.nodes.size(); ++i)
+        if (!text(*a.nodes[i], lib, t += separator(i))) return;  // r.shown stays null
+      if (a.array) t += ']';
+    }
+  }
+  r.shown = std::make_shared<const std::array<std::string, 2>>(std::move(out));
+}
+
+std::string Model::varDisplay(int v) const {
+  const int b = v - _p.numVars - _p.intVars;
+  if (b >= 0 && b % 2) return b % 4 == 1 ? "TrueConstraint " : "FalseConstraint ";  // a constraint's indicator
+  // The name, then the domain as the host prints it: the list of possible
+  // values in braces once one was set, else the bounds; integers for the
+  // integer domains of every variable but the continuous ones.
+  const VarState& x = vars[(std::size_t)v];
+  const bool integer = v >= _p.numVars;
+  const std::string name = _p.varName(v);
+  std::string s = name;
+  if (x.values.empty()) s += "[" + num(x.lb, integer) + " .. " + num(x.ub, integer) + "] ";
+  for (std::size_t i = 0; i < x.values.size(); ++i)
+    s += (i ? ", " : "{") + num(x.values[i], integer) + (i + 1 < x.values.size() ? "" : "} ");
+  if (v < _p.numVars && v % 2) s = "TavSemiContI (" + name + ")\n" + s + "  _threshold " + num(x.threshold, false) + "\n";
+  return s;
+}
+
+std::string Model::display(const Ref& r, bool librarySyntax) const {
+  std::string t;
+  if (!text(r, librarySyntax, t)) return "";
+  std::string out;
+  std::vector<std::string> once(vars.size());  // each variable's display, made once
+  std::size_t from = 0;
+  for (std::size_t at; (at = t.find(VarMark, from)) != std::string::npos; from = at + 2) {
+    std::string& v = once[(unsigned char)t[at + 1]];
+    if (v.empty()) v = varDisplay((unsigned char)t[at + 1]);
+    out.append(t, from, at - from) += v;
+  }
+  return out.append(t, from, std::string::npos);
+}
+
+bool sameDisplay(const std::string& got, const std::string& want) {
+  std::size_t g = 0;
+  for (char w : want) {
+    if (w == ZeroMark && g < got.size() && got[g] == '-') ++g;
+    if (g >= got.size() || got[g] != (w == ZeroMark ? '0' : w)) return false;
+    ++g;
+  }
+  return g == got.size();
+}
+
+Model::Model(const Program& p) : texts(p.display), _p(p) {
   for (int v = 0; v < (int)p.values.size(); ++v) {  // as the runner makes them, see Program::print
     VarState s;
     const bool semi = v < p.numVars && v % 2;
@@ -195,6 +373,7 @@ struct Ops {
     if (divide) {
       Ref r = opaque(a.v / d, false, a, number(d));
       r.integer = No;
+      m.show(r, Forms[FNumDivCst], {of(a), fixed(num(d, false))});
       return r;
     }
     const Ref x = a.inner.empty() ? a : a.inner[0];
@@ -204,21 +383,55 @@ struct Ops {
     if (!isInt) r.integer = both(m.integral(x), tri(integralNumber(f)));
     r.inner = {x};
     r.factor = f;
+    m.show(r, Forms[FTimes], {of(x), fixed(f == 0.0 && !isInt ? std::string(1, ZeroMark) : num(f, isInt))});
     return r;
   }
   Ref product(const Ref& a, const Ref& b, bool isInt) const {
     const double x = m.value(a), y = m.value(b);
-    if (isInt) return opaque(x * y, true, a, b);
-    const Tri ca = isConstant(a), cb = isConstant(b);
+    const Tri ca = isInt ? No : isConstant(a), cb = isInt ? No : isConstant(b);
     if (ca == Yes) return scale(b, a.cst, false, false);
     if (cb == Yes) return scale(a, b.cst, false, false);
-    Ref r = opaque(x * y, false, a, b);
+    Ref r = opaque(x * y, isInt, a, b);
+    if (isInt) return m.show(r, Forms[FTimes], {of(a), of(b)}), r;
     r.mag = std::max(r.mag, a.mag * b.mag);
     r.unknown = ca == Maybe || cb == Maybe;
     r.integer = r.unknown ? Maybe : both(m.integral(a), m.integral(b));
+    if (!r.unknown) m.show(r, Forms[FTimes], {of(a), of(b)});  // else it may have folded
     return r;
   }
 };
+
+/// The display of an element, count, deviation, piecewise or conditional node.
+void showSpecial(const Model& m, Ref& r, const Node& n, const std::vector<Ref>& k) {
+  const bool isInt = n.kind == KIntArg;
+  switch (n.op) {
+    case OElement: {
+      const bool values = n.array >= ANumValues;
+      m.show(r, Forms[FElement + n.array], {of(k[0]), values ? numbers(n.numbers, n.array == AIntValues) : elements(k, 1)});
+      return;
+    }
+    case OCount: m.show(r, Forms[FCount], {elements(k, 0), fixed(num(n.num, true))}); return;
+    case OStdDev: m.show(r, Forms[FStdDev], {elements(k, 0)}); return;
+    case OPiecewise:
+      if (n.form) m.show(r, Forms[FPiecewise], {of(k[0]), numbers(n.numbers, false), numbers(n.numbers2, false),
+                                                fixed(num(n.num, false)), fixed(num(n.num2, false))});
+      else m.show(r, Forms[FPiecewise], {of(k[0]), fixed(num(n.num, false)), numbers(n.numbers, false),
+                                         numbers(n.numbers2, false), fixed(num(n.num2, false))});
+      return;
+    default: {
+      // The same in both syntaxes, in this sequence: the condition and " ? ";
+      // with a then-expression, it, " : " and the else-expression or else
+      // the else-constant; then always the then-constant, " : " and the
+      // else-expression if there is one. A missing constant is 0.
+      const std::string form = std::string("%0 ? ") + (n.thenNumber ? "" : n.elseNumber ? "%1 : %4" : "%1 : %2") + "%3 : " +
+                               (n.elseNumber ? "" : "%2");
+      m.show(r, Form{form.c_str(), form.c_str()},
+             {n.form ? fixed(n.form == 1 ? "TrueConstraint " : "FalseConstraint ") : of(k[2]),
+              n.thenNumber ? fixed("") : of(k[0]), n.elseNumber ? fixed("") : of(k[1]),
+              fixed(num(n.thenNumber ? n.kids[0].num : 0, isInt)), fixed(num(n.elseNumber ? n.kids[1].num : 0, isInt))});
+    }
+  }
+}
 }  // namespace
 
 Ref Model::eval(const Node& n) const {
@@ -280,22 +493,33 @@ Ref Model::eval(const Node& n) const {
     }
     if (!isInt) r.integer = every;
     r.v = r.throws ? 0 : best;
+    show(r, Forms[n.op == OMaxArr ? FMaxArray : isInt ? FIntMinArray : FNumMinArray], {elements(k, 0)});
     return r;
   }
   if (n.op == OCall) return call(n, k);
-  if (n.op >= OElement) return special(n, k);
-  return binary(n.op, isInt, k[0], k.size() > 1 ? k[1] : number(0));
+  if (n.op >= OElement) {
+    Ref r = special(n, k);
+    showSpecial(*this, r, n, k);
+    return r;
+  }
+  Ref r = binary(n.op, isInt, k[0], k.size() > 1 ? k[1] : number(0));
+  if (n.kind == KNumTerm || n.kind == KIntTerm) r.cst = 0.0;  // a term has no constant: its node starts at +0
+  return r;
 }
 
 Ref Model::binary(Op op, bool isInt, const Ref& a, const Ref& b) const {
   const Ops ops{*this};
   const double x = value(a), y = value(b);
   const bool an = a.kind == RNumber, bn = b.kind == RNumber;
-  // A node over a and b whose value is f of theirs.
-  auto node = [&](Tri integer, double (*f)(double, double)) {
+  // A node over a and b whose value is f of theirs, displayed by the form
+  // (the one with a constant when either is a number).
+  auto node = [&](Tri integer, double (*f)(double, double), FormId form, FormId withConstant) {
     Ref r = opaque(a.throws || b.throws ? 0 : f(x, y), isInt, a, b);
     if (!isInt) r.integer = integer;
     probe(r, {&a, &b}, {x, y}, [f](const std::vector<double>& v) { return f(v[0], v[1]); });
+    const bool minMax = op == OMin || op == OMax;  // these keep the constant second
+    if (an && minMax) show(r, Forms[withConstant], {of(b), fixed(num(x, isInt))});
+    else show(r, Forms[an || bn ? withConstant : form], {an ? fixed(num(x, isInt)) : of(a), bn ? fixed(num(y, isInt)) : of(b)});
     return r;
   };
   const Tri fromBoth = both(integral(a), integral(b));
@@ -309,16 +533,23 @@ Ref Model::binary(Op op, bool isInt, const Ref& a, const Ref& b) const {
       return ops.product(a, b, isInt);
     case ODiv:
       if (bn) return ops.scale(a, y, false, true);
-      return node(No, [](double p, double q) { return p / q; });
+      return node(No, [](double p, double q) { return p / q; }, FQuotient, FQuotient);
     case OMod:  // a zero divisor is undefined: the generator keeps it out
-      return node(Yes, [](double p, double q) { return trunc(q) == 0 ? NAN : (double)(trunc(p) % trunc(q)); });
-    case OIDiv: return node(Yes, [](double p, double q) { return trunc(q) == 0 ? NAN : (double)(trunc(p) / trunc(q)); });
-    case OMin:  // a constant is always the second operand; ties go to it
-      return an ? node(fromBoth, [](double p, double q) { return p > q ? q : p; })
-                : node(fromBoth, [](double p, double q) { return q > p ? p : q; });
-    case OMax:
-      return an ? node(fromBoth, [](double p, double q) { return q > p ? q : p; })
-                : node(fromBoth, [](double p, double q) { return p > q ? p : q; });
+      return node(Yes, [](double p, double q) { return trunc(q) == 0 ? NAN : (double)(trunc(p) % trunc(q)); }, FModulo,
+                  an ? FRecModuloCst : FModuloCst);
+    case OIDiv:
+      return node(Yes, [](double p, double q) { return trunc(q) == 0 ? NAN : (double)(trunc(p) / trunc(q)); }, FQuotient,
+                  FQuotient);
+    case OMin: {  // a constant is always the second operand; ties go to it
+      const FormId cst = isInt ? FIntMinCst : FNumMinCst;
+      return an ? node(fromBoth, [](double p, double q) { return p > q ? q : p; }, FMin, cst)
+                : node(fromBoth, [](double p, double q) { return q > p ? p : q; }, FMin, cst);
+    }
+    case OMax: {
+      const FormId cst = isInt ? FIntMaxCst : FNumMaxCst;
+      return an ? node(fromBoth, [](double p, double q) { return q > p ? q : p; }, FMax, cst)
+                : node(fromBoth, [](double p, double q) { return p > q ? p : q; }, FMax, cst);
+    }
     default: return number(0);
   }
 }
@@ -340,6 +571,9 @@ Ref Model::call(const Node& n, const std::vector<Ref>& k) const {
   r.integer = f.integer == Always ? Yes : f.integer == Never ? No : both(integral(a), integral(b));
   probe(r, {&a, &b}, {x, y}, [&f](const std::vector<double>& v) { return f.value(v[0], v[1]); });
   if (r.exact() && !r.throws) r.mag = finite(r.v);  // the library's own double: no error to allow for
+  std::vector<DisplayArg> args;  // a number operand is written as a double
+  for (std::size_t i = 0; i < k.size(); ++i) args.push_back(n.kids[i].kind <= KInt ? fixed(num(k[i].v, false)) : of(k[i]));
+  show(r, f.form, args);
   return r;
 }
 
@@ -731,46 +965,6 @@ int Model::apply(const Stmt& s) {
   cur.held = e.held;
   e = cur;
   return 0;
-}
-
-std::string displayLinear(const Program& p, const Ref& r, bool librarySyntax) {
-  if (!r.linear() || !r.parts.empty() || !r.exact() || r.throws) return "";
-  std::ostringstream os;
-  auto var = [&](int v) { os << p.varName(v) << " "; };  // a named variable: its name and a blank
-  auto constant = [&] {
-    if (r.kind == RIntLin) os << (long)r.cst;
-    else os << r.cst;
-    os << " ";
-  };
-  if (librarySyntax) {
-    os << "( ";
-    for (std::size_t i = 0; i < r.cells.size(); ++i) {
-      if (i) os << " + ";
-      const double c = r.cells[i].coef;
-      if (c == 0.0) os << "0 ";
-      else {
-        if (c != 1.0) os << c << " * ";
-        var(r.cells[i].var);
-      }
-    }
-    if (r.cst != 0.0) {
-      if (!r.cells.empty()) os << " + ";
-      constant();
-    }
-    os << ") ";
-    return os.str();
-  }
-  bool wrote = false;  // whether the last term wrote something
-  for (const Cell& c : r.cells) {
-    if (wrote) os << " + ";
-    wrote = c.coef != 0.0;
-    if (!wrote) continue;
-    if (c.coef != 1.0) os << c.coef << " * ";
-    var(c.var);
-  }
-  if (r.cst != 0.0 && wrote) os << " + ";
-  if (r.cst != 0.0 || !wrote) constant();
-  return os.str();
 }
 
 }  // namespace tavfuzz
