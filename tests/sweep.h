@@ -29,27 +29,35 @@ struct SweptPairsReport : ::testing::Environment {
 };
 inline const bool sweptPairsReported = (::testing::AddGlobalTestEnvironment(new SweptPairsReport), true);
 
-/// Calls build with the k-th allocation failing, k = 1, 2, ..., until it
-/// returns a node; after each failure the live bytes and unchanged() (which
-/// asserts what the caller needs kept) must be as before. Returns the node.
+/// Runs op with the k-th allocation of env failing, k = 1, 2, ..., until it
+/// returns; failed(k) checks what each failure must have kept. Every k tried
+/// counts in the report. Returns the number of failures.
+inline int sweepFailures(TavEnvI* env, const std::function<void()>& op, const std::function<void(TavInt k)>& failed) {
+  for (TavInt k = 1;; ++k) {
+    ++sweptPairs();
+    env->getMemory().failAfter(k);
+    try {
+      op();
+      env->getMemory().failAfter(0);
+      return (int)(k - 1);
+    } catch (const std::bad_alloc&) {
+      env->getMemory().failAfter(0);
+      failed(k);
+    }
+  }
+}
+
+/// Calls build through sweepFailures; after each failure the live bytes and
+/// unchanged() (which asserts what the caller needs kept) must be as before.
+/// Returns the node.
 inline TavNumExprArg buildThroughFailures(TavEnvI* env, const std::function<TavNumExprArg()>& build,
                                           const std::function<void(TavInt k)>& unchanged) {
   const std::size_t bytes = env->getMemory().getLiveBytes();
   TavNumExprArg built;
-  int failures = 0;
-  for (TavInt k = 1; built.getImpl() == nullptr; ++k) {
-    ++sweptPairs();
-    env->getMemory().failAfter(k);
-    try {
-      built = build();
-    } catch (const std::bad_alloc&) {
-      ++failures;
-      env->getMemory().failAfter(0);
-      EXPECT_EQ(env->getMemory().getLiveBytes(), bytes) << "failing allocation " << k;
-      unchanged(k);
-    }
-    env->getMemory().failAfter(0);
-  }
+  const int failures = sweepFailures(env, [&] { built = build(); }, [&](TavInt k) {
+    EXPECT_EQ(env->getMemory().getLiveBytes(), bytes) << "failing allocation " << k;
+    unchanged(k);
+  });
   EXPECT_GT(failures, 0);
   return built;
 }
@@ -68,17 +76,11 @@ inline void sweepBuildAndClone(TavEnvI* env, const std::function<TavNumExprArg()
   const TavInt targetObjects = target->getLiveObjectCount();
   const std::size_t targetBytes = target->getMemory().getLiveBytes();
   TavExtractableI* clone = nullptr;
-  for (TavInt k = 1; clone == nullptr; ++k) {
-    ++sweptPairs();
-    target->getMemory().failAfter(k);
-    try {
-      clone = env->cloneInto(built.getImpl(), target);
-    } catch (const std::bad_alloc&) {
-      ASSERT_EQ(target->getLiveObjectCount(), targetObjects) << k;
-      ASSERT_EQ(target->getMemory().getLiveBytes(), targetBytes) << k;
-    }
-    target->getMemory().failAfter(0);
-  }
+  sweepFailures(target, [&] { clone = env->cloneInto(built.getImpl(), target); }, [&](TavInt k) {
+    ASSERT_EQ(target->getLiveObjectCount(), targetObjects) << k;
+    ASSERT_EQ(target->getMemory().getLiveBytes(), targetBytes) << k;
+  });
+  ASSERT_NE(clone, nullptr);
   EXPECT_EQ(showNode(clone), showNode(built.getImpl()));
   env->clearCloneMap();
   other.end();

@@ -148,17 +148,10 @@ TEST(VarArrays, ColumnConstructorsLeaveEmptyColumnsNull) {
     // again: no column may name a destroyed variable.
     TavNumVarArray a;
     const TavInt objects = env.getImpl()->getLiveObjectCount();
-    for (TavInt k = 1; a.getImpl() == nullptr; ++k) {
-      ++tavtest::sweptPairs();
-      env.getImpl()->getMemory().failAfter(k);
-      try {
-        a = c.make(cols);
-      } catch (const std::bad_alloc&) {
-        for (TavInt i = 0; i < 4; ++i) ASSERT_EQ(cols[i].getSize(), 0) << "failing allocation " << k;
-        ASSERT_EQ(env.getImpl()->getLiveObjectCount(), objects) << "failing allocation " << k;
-      }
-      env.getImpl()->getMemory().failAfter(0);
-    }
+    tavtest::sweepFailures(env.getImpl(), [&] { a = c.make(cols); }, [&](TavInt k) {
+      for (TavInt i = 0; i < 4; ++i) ASSERT_EQ(cols[i].getSize(), 0) << "failing allocation " << k;
+      ASSERT_EQ(env.getImpl()->getLiveObjectCount(), objects) << "failing allocation " << k;
+    });
     ASSERT_EQ(a.getSize(), 4);
     EXPECT_EQ(a.getElement(2), nullptr);
     for (TavInt i : {0, 1, 3}) {

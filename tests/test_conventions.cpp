@@ -57,22 +57,17 @@ void sweepFailures(TavEnv env, Build build) {
   TavEnvI* e = env.getImpl();
   const TavInt objects = e->getLiveObjectCount();
   const std::size_t bytes = e->getMemory().getLiveBytes();
-  int failures = 0;
-  for (TavInt k = 1;; ++k) {
-    ++tavtest::sweptPairs();
-    e->getMemory().failAfter(k);
-    try {
-      auto made = build();
-      e->getMemory().failAfter(0);
-      made.end();
-      break;
-    } catch (const std::bad_alloc&) {
-      e->getMemory().failAfter(0);
-      ++failures;
-      ASSERT_EQ(e->getLiveObjectCount(), objects) << "failing allocation " << k;
-      ASSERT_EQ(e->getMemory().getLiveBytes(), bytes) << "failing allocation " << k;
-    }
-  }
+  const int failures = tavtest::sweepFailures(
+      e,
+      [&] {
+        auto made = build();
+        e->getMemory().failAfter(0);
+        made.end();
+      },
+      [&](TavInt k) {
+        ASSERT_EQ(e->getLiveObjectCount(), objects) << "failing allocation " << k;
+        ASSERT_EQ(e->getMemory().getLiveBytes(), bytes) << "failing allocation " << k;
+      });
   EXPECT_GT(failures, 0);
   EXPECT_EQ(e->getMemory().getLiveBytes(), bytes);
 }

@@ -357,19 +357,9 @@ TEST_F(Conversion, AllocationFailuresLeaveNothing) {
   TavEnvI* target = other.getImpl();
   const Live targetBefore(target);
   TavExtractableI* clone = nullptr;
-  int failures = 0;
-  for (TavInt k = 1; clone == nullptr; ++k) {
-    ++tavtest::sweptPairs();
-    target->getMemory().failAfter(k);
-    try {
-      clone = ei()->cloneInto(c.getImpl(), target);
-    } catch (const std::bad_alloc&) {
-      ++failures;
-      target->getMemory().failAfter(0);
-      targetBefore.expectSame("clone, failing allocation " + std::to_string(k));
-    }
-    target->getMemory().failAfter(0);
-  }
+  const int failures = tavtest::sweepFailures(target, [&] { clone = ei()->cloneInto(c.getImpl(), target); }, [&](TavInt k) {
+    targetBefore.expectSame("clone, failing allocation " + std::to_string(k));
+  });
   EXPECT_GT(failures, 2);  // the variables, the array and the conversion
   EXPECT_EQ(varsOf(static_cast<TavConversionI*>(clone)).size(), 2u);
   ei()->clearCloneMap();

@@ -273,17 +273,9 @@ TEST(VariableArrays, FailedBuildsLeaveNoElementBehind) {
     offset += 100;
     const TavInt objects = ei->getLiveObjectCount();
     std::vector<TavNumVarI*> built;
-    int failures = 0;
-    for (TavInt k = 1; built.empty(); ++k) {
-      ei->getMemory().failAfter(k);
-      try {
-        built = r.build(offset);
-      } catch (const std::bad_alloc&) {
-        ++failures;
-        EXPECT_EQ(ei->getLiveObjectCount(), objects) << "failing allocation " << k;
-      }
-      ei->getMemory().failAfter(0);
-    }
+    const int failures = tavtest::sweepFailures(ei, [&] { built = r.build(offset); }, [&](TavInt k) {
+      EXPECT_EQ(ei->getLiveObjectCount(), objects) << "failing allocation " << k;
+    });
     EXPECT_GT(failures, 0);
     ASSERT_EQ(built.size(), 2u);
     for (std::size_t i = 0; i < 2; ++i) {

@@ -581,18 +581,12 @@ TEST(Shapes, FailedCloneLeavesTheTargetAsItWas) {
     const TavInt objects = target->getLiveObjectCount();
     const std::size_t bytes = target->getMemory().getLiveBytes();
     TavExtractableI* clone = nullptr;
-    int failures = 0;
-    for (TavInt k = 1; clone == nullptr; ++k) {
-      target->getMemory().failAfter(k);
-      try {
-        clone = m.env.getImpl()->cloneInto(node.getImpl(), target);
-      } catch (const std::bad_alloc&) {
-        ++failures;
-        ASSERT_EQ(target->getLiveObjectCount(), objects) << k;
-        ASSERT_EQ(target->getMemory().getLiveBytes(), bytes) << k;
-      }
-      target->getMemory().failAfter(0);
-    }
+    const int failures = tavtest::sweepFailures(
+        target, [&] { clone = m.env.getImpl()->cloneInto(node.getImpl(), target); },
+        [&](TavInt k) {
+          ASSERT_EQ(target->getLiveObjectCount(), objects) << k;
+          ASSERT_EQ(target->getMemory().getLiveBytes(), bytes) << k;
+        });
     EXPECT_GT(failures, 0);
     EXPECT_STREQ(clone->getRttiTypeName(), node.getImpl()->getRttiTypeName());
     other.end();

@@ -330,18 +330,11 @@ TEST(Safety, CloningPassesKeepToTheirTarget) {
   const TavInt objects = ed->getLiveObjectCount();
   const std::size_t bytes = ed->getMemory().getLiveBytes();
   TavExtractableI* inD = nullptr;
-  for (TavInt k = 1; inD == nullptr; ++k) {
-    ++tavtest::sweptPairs();
-    ed->getMemory().failAfter(k);
-    try {
-      inD = ea->cloneInto(p.getImpl(), ed);
-    } catch (const std::bad_alloc&) {
-      ASSERT_EQ(ea->getClone(x.getImpl()), nullptr) << k;
-      ASSERT_EQ(ed->getLiveObjectCount(), objects) << k;
-      ASSERT_EQ(ed->getMemory().getLiveBytes(), bytes) << k;
-    }
-    ed->getMemory().failAfter(0);
-  }
+  tavtest::sweepFailures(ed, [&] { inD = ea->cloneInto(p.getImpl(), ed); }, [&](TavInt k) {
+    ASSERT_EQ(ea->getClone(x.getImpl()), nullptr) << k;
+    ASSERT_EQ(ed->getLiveObjectCount(), objects) << k;
+    ASSERT_EQ(ed->getMemory().getLiveBytes(), bytes) << k;
+  });
   EXPECT_DOUBLE_EQ(evalIn(d, inD), 9);
   d.end();
   a.end();

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tavexpression.h"
+#include "sweep.h"
 #include "test_support.h"
 
 namespace {
@@ -83,21 +84,13 @@ int failUntilDone(TavEnvI* env, const std::function<void()>& build, bool sameByt
                   const std::function<bool()>& same = [] { return true; }) {
   const TavInt objects = env->getLiveObjectCount();
   const std::size_t bytes = env->getMemory().getLiveBytes();
-  for (int k = 1;; ++k) {
-    env->getMemory().failAfter(k);
-    try {
-      build();
-      env->getMemory().failAfter(0);
-      return k - 1;
-    } catch (const std::bad_alloc&) {
-      env->getMemory().failAfter(0);
-      EXPECT_EQ(env->getLiveObjectCount(), objects) << "failing allocation " << k;
-      if (sameBytes) {
-        EXPECT_EQ(env->getMemory().getLiveBytes(), bytes) << "failing allocation " << k;
-      }
-      EXPECT_TRUE(same()) << "failing allocation " << k;
+  return tavtest::sweepFailures(env, build, [&](TavInt k) {
+    EXPECT_EQ(env->getLiveObjectCount(), objects) << "failing allocation " << k;
+    if (sameBytes) {
+      EXPECT_EQ(env->getMemory().getLiveBytes(), bytes) << "failing allocation " << k;
     }
-  }
+    EXPECT_TRUE(same()) << "failing allocation " << k;
+  });
 }
 
 class Vars : public ::testing::Test {
