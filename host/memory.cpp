@@ -196,8 +196,8 @@ std::atomic<bool> coverBusy{false};
 }  // namespace
 
 bool TavChunkOwners::Cover(const char* base, std::size_t bytes) {
-  const std::uintptr_t first = reinterpret_cast<std::uintptr_t>(base) >> 16;
-  const std::uintptr_t last = (reinterpret_cast<std::uintptr_t>(base) + bytes - 1) >> 16;
+  const std::uintptr_t first = UnitOf(base);
+  const std::uintptr_t last = UnitOf(base + bytes - 1);
   for (std::uintptr_t top = first >> LeafBits; top <= last >> LeafBits; ++top) {
     if (Top[top & TopMask].load(std::memory_order_acquire)) continue;
     while (coverBusy.exchange(true, std::memory_order_acquire)) sched_yield();
@@ -214,8 +214,8 @@ bool TavChunkOwners::Cover(const char* base, std::size_t bytes) {
 }
 
 void TavChunkOwners::Set(const char* base, std::size_t bytes, TavEnvI* env) {
-  const std::uintptr_t first = reinterpret_cast<std::uintptr_t>(base) >> 16;
-  const std::uintptr_t last = (reinterpret_cast<std::uintptr_t>(base) + bytes - 1) >> 16;
+  const std::uintptr_t first = UnitOf(base);
+  const std::uintptr_t last = UnitOf(base + bytes - 1);
   for (std::uintptr_t unit = first; unit <= last; ++unit)
     (*Top[(unit >> LeafBits) & TopMask].load(std::memory_order_relaxed))[unit & LeafMask].store(
         env, std::memory_order_relaxed);
