@@ -266,23 +266,14 @@ TEST(Safety, AllocationFailureLeavesTheModelAsItWas) {
     const std::string before = m.picture();
     const TavInt objects = env->getLiveObjectCount(), terms = env->getLiveTermCount();
     const std::size_t bytes = env->getMemory().getLiveBytes();
-    bool done = false;
-    for (TavInt k = 1; !done && k < 5000; ++k, ++tried) {
-      ++tavtest::sweptPairs();
-      env->getMemory().failAfter(k);
-      try {
-        op.run(m);
-        done = true;
-      } catch (const std::bad_alloc&) {
-      }
-      env->getMemory().failAfter(0);
-      if (done) break;
+    const int failures = tavtest::sweepFailures(env, [&] { op.run(m); }, [&](TavInt k) {
       ASSERT_EQ(m.picture(), before) << "failing allocation " << k;
       ASSERT_EQ(env->getLiveObjectCount(), objects) << "failing allocation " << k;
       ASSERT_EQ(env->getLiveTermCount(), terms) << "failing allocation " << k;
       ASSERT_EQ(env->getMemory().getLiveBytes(), bytes) << "failing allocation " << k;
-    }
-    EXPECT_TRUE(done);
+    });
+    ASSERT_GE(failures, 0);
+    tried += failures;
   }
   EXPECT_GT(tried, 100);
 }
